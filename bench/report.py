@@ -1,0 +1,237 @@
+#!/usr/bin/env python3
+"""Writes the performance page from the results of bench/measure.py.
+
+    bench/report.py RESULTS.json DOCS_DIR
+"""
+
+import datetime
+import json
+import os
+import platform
+import subprocess
+import sys
+from statistics import median, quantiles
+
+import matplotlib
+
+matplotlib.use("svg")
+import matplotlib.pyplot as plt  # noqa: E402
+
+WORKS = {"start_end": "start + end", "start_update_end": "start + update + end"}
+RIVALS = {"quorvel": "quorvel", "libevent": "libevent timer", "timerfd": "timerfd",
+          "posix_timer": "POSIX timer"}
+DUMPS = {"first": "quorvel, first dump", "later": "quorvel, later dumps", "eu-stack": "eu-stack",
+         "gdb": "gdb"}
+THREADS = (1, 2, 4, 8)
+COLOURS = ("#0b6e4f", "#e08e1b", "#5b6c8f", "#a23b3b")
+
+plt.rcParams.update({"svg.hashsalt": "quorvel", "svg.fonttype": "none", "axes.spines.top": False,
+                     "axes.spines.right": False, "axes.grid": True, "grid.alpha": 0.3})
+
+
+def table(header, *rows):
+    lines = [header, ["---"] * len(header), *rows]
+    return "\n".join("| " + " | ".join(map(str, line)) + " |" for line in lines) + "\n"
+
+
+def ms(microseconds):
+    return f"{microseconds / 1000:.{1 if microseconds >= 1e4 else 2}f} ms"
+
+
+def both(series, values):
+    """What a function gives for the first incident of each series, and for the later ones."""
+    return {"first": [v for incidents in series for v in values(incidents[0])],
+            "later": [v for incidents in series for i in incidents[1:] for v in values(i)]}
+
+
+class Report:
+    def __init__(self, results, docs):
+        self.results = results
+        self.docs = docs
+        self.goals = []
+
+    def goal(self, work, measured, sign, goal, unit=""):
+        met = measured <= goal if sign == "≤" else measured >= goal
+        self.goals.append([work, f"{round(measured, 2):g}{unit}", f"{sign} {goal}{unit}",
+                           "yes" if met else "**no**"])
+
+    def watch(self):
+        page = ""
+        times = {name: median(runs) for name, runs in self.results["watch"].items()}
+        for work, title in WORKS.items():
+            rows = []
+            for n in THREADS:
+                own, *rivals = (times[f"{work}/{rival}/threads:{n}"] for rival in RIVALS)
+                rows.append([n, f"**{own:.0f} ns**"] +
+                            [f"{rival:.0f} ns ({rival / own:.1f} ×)" for rival in rivals])
+                case = f"{title}, threads: {n}"
+                self.goal(f"{case}, over libevent", own / rivals[0], "≤", 1.0, " ×")
+                self.goal(f"{case}, `timerfd` over it", rivals[1] / own, "≥", 20, " ×")
+            page += table([f"{title}: threads", *RIVALS.values()], *rows) + "\n"
+        self.goal("start + end with 127 other watches armed, over an empty registry",
+                  times["start_end_127_armed/quorvel"] / times["start_end/quorvel/threads:1"],
+                  "≤", 1.1, " ×")
+        tick = {name: median(runs) for name, runs in self.results["tick"].items()}
+        self.goal("start + end while a full slot is emptied 1000 times a second, over an empty "
+                  "registry", tick["start_end/emptied"] / tick["start_end/empty"],
+                  "≤", 1.1, " ×")
+        self.goal("one tick, 128 watches in the slot", tick["tick/128"] / 1000, "≤", 20, " µs")
+        self.goal("one tick, empty slot", tick["tick/0"] / 1000, "≤", 20, " µs")
+        self.goal("allocations in all ticks", self.results["allocations"], "≤", 0)
+        quiet = self.results["quiet"]
+        self.goal(f"idle: context switches of the monitor in {quiet['idle_seconds']} s",
+                  quiet["idle_switches"], "≤", 0)
+        self.goal("armed and quiet: wake-ups a second", quiet["wakeups_per_second"], "≤", 1.01)
+        return page
+
+    def watch_plot(self):
+        figure, axes = plt.subplots(1, 2, figsize=(9, 3.6), sharey=True)
+        for axis, (work, title) in zip(axes, WORKS.items()):
+            for rival, colour in zip(RIVALS, COLOURS):
+                quarters = [quantiles(self.results["watch"][f"{work}/{rival}/threads:{n}"])
+                            for n in THREADS]
+                low, middle, high = zip(*quarters)
+                spread = [[m - l for m, l in zip(middle, low)],
+                          [h - m for h, m in zip(high, middle)]]
+                axis.errorbar(range(len(THREADS)), middle, spread, marker="o", capsize=3,
+                              label=RIVALS[rival], color=colour)
+            axis.set(title=title, xlabel="threads", yscale="log", xticks=range(len(THREADS)),
+                     xticklabels=THREADS)
+        axes[0].set_ylabel("ns")
+        self.save(figure, axes[1], "watch")
+
+    def dumps(self, count):
+        """Microseconds that whole dumps took: our first ones, our later ones, the tools'."""
+        measured = self.results["incidents"][count]
+        return {**both(measured["series"], lambda incident: [incident["parts"]["user stacks"]]),
+                "eu-stack": measured["eu-stack"], "gdb": measured["gdb"]}
+
+    def stacks(self):
+        dumps, parked = [], []
+        for count, measured in self.results["incidents"].items():
+            first, later, *tools = map(median, self.dumps(count).values())
+            dumps.append([count, f"**{ms(first)}**", ms(later)] +
+                         [f"{ms(tool)} ({tool / first:.1f} ×)" for tool in tools])
+            for tool, taken, goal in zip(("eu-stack", "gdb"), tools, (5, 20)):
+                case = f"stacks of {count} threads, {tool} over it"
+                self.goal(case, taken / first, "≥", goal, " ×")
+            parked.append([count] + [f"{value:.0f} µs" for times in
+                                     both(measured["series"], lambda i: i["parked"]).values()
+                                     for value in (median(times), quantiles(times, n=100)[98])])
+        return (table(["threads", *DUMPS.values()], *dumps) +
+                "\nHow long a thread stands still:\n\n" +
+                table(["threads", "first dump: median", "99th percentile", "later: median",
+                       "99th percentile"], *parked))
+
+    def stacks_plot(self):
+        figure, axis = plt.subplots(figsize=(7, 3.6))
+        dumps = [self.dumps(count) for count in self.results["incidents"]]
+        for i, (key, colour) in enumerate(zip(DUMPS, ("#0b6e4f", "#7fb7a3", *COLOURS[1:]))):
+            axis.bar([x + (i - 1.5) * 0.2 for x in range(len(dumps))],
+                     [median(dump[key]) / 1000 for dump in dumps], 0.19, label=DUMPS[key],
+                     color=colour, zorder=2)
+        axis.set(yscale="log", ylabel="ms", xticks=range(len(dumps)),
+                 xticklabels=[f"{count} threads" for count in self.results["incidents"]])
+        self.save(figure, axis, "stacks")
+
+    def incident(self):
+        series = list(self.results["incidents"].values())[-1]["series"]
+
+        def row(name, value):
+            return [name] + [ms(median(v)) for v in both(series, lambda i: [value(i)]).values()]
+
+        def heap(n):
+            return median(s[n - 1]["heap"] - s[0]["heap_at_start"] for s in series)
+        self.goal("heap in use after incident 10, less that after incident 2", heap(10) - heap(2),
+                  "≤", 0, " bytes")
+        library = self.results["library"]
+        return (table(["part", "first incident", "later"],
+                      *[row(part, lambda i, part=part: i["parts"][part])
+                        for part in series[0][0]["parts"]],
+                      row("header and messages", lambda i: i["taken"] - sum(i["parts"].values())),
+                      row("**whole incident**", lambda i: i["taken"])) + "\n" +
+                table(["memory", "bytes"],
+                      ["`libquorvel.so`, stripped", library["stripped"]],
+                      ["its static memory, initialised", library["data"]],
+                      ["its static memory, zero at load", library["bss"]],
+                      *[[f"heap in use after incident {n}, over that before the first",
+                         f"{heap(n):.0f}"] for n in (1, 2, 3, 10)]))
+
+    def save(self, figure, axis, name):
+        axis.legend(loc="center left", bbox_to_anchor=(1, 0.5), frameon=False)
+        figure.tight_layout()
+        figure.savefig(f"{self.docs}/performance-{name}.svg", metadata={"Date": None})
+
+    def machine(self):
+        with open("/proc/cpuinfo") as f:
+            model = next(line.split(":")[1].strip() for line in f if line.startswith("model name"))
+        versions = subprocess.check_output(
+            ["dpkg-query", "-W", "-f", "${Package} ${Version}, ", "libevent-dev", "elfutils",
+             "gdb"], text=True)
+        return (f"{model}, {os.cpu_count()} cores, kernel {platform.release()}, "
+                f"glibc {platform.libc_ver()[1]}, {versions}load before the run "
+                f"{self.results['load']:.1f}")
+
+
+PAGE = """# Performance
+
+What the library costs, beside what one would use instead. This page and its pictures are written by
+`scripts/bench`; run it to have the numbers of your machine.
+
+- Run: {date}, `scripts/bench`
+- Machine: {machine}
+- All numbers are medians. What is compared was measured in turns, within the one run.
+
+## Goals
+
+{goals}
+## A watch
+
+![Cost by number of threads](performance-watch.svg)
+
+{watch}Time for each pass, all threads together; in brackets how many times quorvel's. Through
+the installed shared library. Each thread brackets work over and over with a deadline 10 s away. The
+others: an existing event of libevent, added to and deleted from a base with pthread locks, whose
+loop runs in a thread of its own and always has an earlier deadline, so that no add has to wake it;
+a `timerfd` armed and disarmed; a POSIX timer created, armed and deleted. An update arms again. Bars
+in the picture: the middle half of the repetitions.
+
+A tick is one but for its sleep and the responses, after 64 MB of other memory have been touched. A
+full slot: 127 watches, with the client's own all 128 are armed.
+
+## The stacks of all threads
+
+![Time of a whole dump](performance-stacks.svg)
+
+{stacks}
+Threads of {frames} frames that wait in `pause`. The whole dump with names, as the part of an
+incident that it is, the file on tmpfs, the Android log to `/dev/null`. The first dump of a process
+reads the symbol tables that later ones find again; factors and goals are against the first.
+`eu-stack -p` and `gdb -nx -batch -ex 'thread apply all bt' -p`, from start to end and into a file
+on tmpfs, print the same process, with one thread more: the one that makes quorvel's dump.
+
+## A whole incident
+
+{incident}
+From the trigger to the closed file and the sent event, with 128 threads of {frames} frames, kernel
+and user stacks, the file on tmpfs: a disk adds what its `fsync` takes. The process runs without the
+allocator's cache for each thread, which would count what has been freed as in use.
+"""
+
+
+def main():
+    results_path, docs = sys.argv[1:]
+    with open(results_path) as f:
+        report = Report(json.load(f), docs)
+    sections = {"watch": report.watch(), "stacks": report.stacks(), "incident": report.incident()}
+    report.watch_plot()
+    report.stacks_plot()
+    with open(f"{docs}/performance.md", "w") as f:
+        f.write(PAGE.format(date=datetime.date.today(), machine=report.machine(),
+                            frames=report.results["frames"],
+                            goals=table(["work", "measured", "goal", "met"], *report.goals),
+                            **sections))
+
+
+if __name__ == "__main__":
+    main()

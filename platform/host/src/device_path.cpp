@@ -1,0 +1,50 @@
+#include <device_path.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+namespace {
+
+// Without slashes at its end; empty for the real root. Never destroyed: the monitor thread may need
+// it while exit handlers run.
+const std::string& Root() {
+  static const std::string& root = *[] {
+    auto* value = new std::string;
+    const char* variable = secure_getenv("QUORVEL_HOST_ROOT");
+    if (variable == nullptr || variable[0] == '\0') return value;
+    if (variable[0] != '/') {
+      const std::string line = std::string("quorvel: QUORVEL_HOST_ROOT is not an absolute path: ") +
+                               variable + "; the real root is used\n";
+      if (write(STDERR_FILENO, line.data(), line.size()) < 0) return value;
+      return value;
+    }
+    *value = variable;
+    while (!value->empty() && value->back() == '/') value->pop_back();
+    return value;
+  }();
+  return root;
+}
+
+// The kernel reports paths with every symbolic link resolved.
+const std::string& ResolvedRoot() {
+  static const std::string& root = *[] {
+    char resolved[PATH_MAX];
+    const bool found = !Root().empty() && realpath(Root().c_str(), resolved) != nullptr;
+    return new std::string(found && strcmp(resolved, "/") != 0 ? resolved : "");
+  }();
+  return root;
+}
+
+}  // namespace
+
+std::string DevicePath(const char* path) {
+  return Root() + path;
+}
+
+std::string PathOnDevice(const std::string& path) {
+  const std::string& root = ResolvedRoot();
+  const bool under = !root.empty() && path.compare(0, root.size(), root) == 0 &&
+                     path.size() > root.size() && path[root.size()] == '/';
+  return under ? path.substr(root.size()) : path;
+}

@@ -1,0 +1,119 @@
+// Where the machine's C library differs from the device's in threads. The link sends the library's
+// calls of these names here (--wrap); the host process's own calls are not touched.
+
+#include <errno.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+
+extern "C" {
+
+int __real_pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
+
+int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const struct timespec* deadline);
+int __wrap_pthread_cond_signal(pthread_cond_t* condition);
+pid_t __wrap_gettid();
+pid_t __wrap_getpid();
+char* __wrap_strerror(int error);
+
+}  // extern "C"
+
+namespace {
+
+constexpr size_t kKernelSetSize = 8;
+
+// The ids of the calling thread and of the process, once they have been asked for. The child of a
+// fork has others.
+__attribute__((tls_model("initial-exec"))) thread_local pid_t t_tid = 0;
+
+std::atomic<pid_t> g_pid{0};
+
+void ForgetIds() {
+  t_tid = 0;
+  g_pid.store(0, std::memory_order_relaxed);
+}
+
+[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, ForgetIds);
+
+// Condition variables of the layer's own, in the room of the C library's. Its waits are points of
+// cancellation, which the device does not have, whatever the thread's cancel state says: a thread
+// that is being cancelled would wait in the unwinder's handler, for ever, for a signal that is held
+// back there. The deadline is of the monotonic clock.
+uint32_t* TurnOf(pthread_cond_t* condition) {
+  return reinterpret_cast<uint32_t*>(condition);
+}
+
+int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                const struct timespec* deadline) {
+  const int saved_errno = errno;
+  const uint32_t turn = __atomic_load_n(TurnOf(condition), __ATOMIC_ACQUIRE);
+  pthread_mutex_unlock(mutex);
+  const long result = syscall(SYS_futex, TurnOf(condition), FUTEX_WAIT_BITSET_PRIVATE, turn,
+                              deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+  const bool timed_out = result == -1 && errno == ETIMEDOUT;
+  pthread_mutex_lock(mutex);
+  errno = saved_errno;
+  return timed_out ? ETIMEDOUT : 0;
+}
+
+}  // namespace
+
+int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
+  const int saved_errno = errno;
+  if (old != nullptr) sigemptyset(old);  // the kernel fills its first word alone
+  const long result = syscall(SYS_rt_sigprocmask, how, set, old, kKernelSetSize);
+  const int error = result == 0 ? 0 : errno;
+  errno = saved_errno;
+  return error;
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+  return WaitForTurn(condition, mutex, nullptr);
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const struct timespec* deadline) {
+  return WaitForTurn(condition, mutex, deadline);
+}
+
+int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
+  const int saved_errno = errno;
+  __atomic_fetch_add(TurnOf(condition), 1, __ATOMIC_RELEASE);
+  syscall(SYS_futex, TurnOf(condition), FUTEX_WAKE_PRIVATE, 1);
+  errno = saved_errno;
+  return 0;
+}
+
+pid_t __wrap_gettid() {
+  if (t_tid == 0) t_tid = static_cast<pid_t>(syscall(SYS_gettid));
+  return t_tid;
+}
+
+pid_t __wrap_getpid() {
+  pid_t pid = g_pid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = static_cast<pid_t>(syscall(SYS_getpid));
+    g_pid.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
+// The C library's takes a lock for the translation; the device's does not.
+char* __wrap_strerror(int error) {
+  const char* text = strerrordesc_np(error);
+  return const_cast<char*>(text != nullptr ? text : "Unknown error");
+}
+
+const char* getprogname() {
+  return program_invocation_short_name;
+}

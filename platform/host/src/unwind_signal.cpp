@@ -1,0 +1,344 @@
+// Signal 33, as the device has it: free for the library, its default action in place.
+//
+// This machine's C library keeps the signal to itself. Its sigaction and signal refuse it, and in a
+// process with threads its own handler stands there, through which setuid and its like reach every
+// thread. A signal 33 that meets that handler outside a setuid crashes the process; and while the
+// handler is away, a setuid waits for ever. So the two share the signal:
+//
+//     the library's sigaction(33, handler)  puts Dispatch in front, and reports the C library's
+//                                           handler as SIG_DFL
+//     the library's tgkill(tid, 33)         notes that tid owes a signal
+//     Dispatch on a thread that owes one    is the library's: to its handler; dropped where the
+//                                           library has ignored or given back the signal
+//     Dispatch on any other thread          is the C library's: to its handler
+//     the library gives the signal back     the C library's handler is back; or, while a thread
+//                                           still owes a signal, after the next exchange
+//
+// An action that the host process itself put there, by the kernel's own call, is reported as it is,
+// and put back as it was.
+//
+// The link sends the library's calls of these names here (--wrap).
+
+#include <errno.h>
+#include <gnu/libc-version.h>
+#include <link.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+
+extern "C" {
+
+int __real_sigaction(int signal_number, const struct sigaction* action, struct sigaction* old);
+sighandler_t __real_signal(int signal_number, sighandler_t handler);
+int __real_tgkill(pid_t pid, pid_t tid, int signal_number);
+
+int __wrap_sigaction(int signal_number, const struct sigaction* action, struct sigaction* old);
+sighandler_t __wrap_signal(int signal_number, sighandler_t handler);
+int __wrap_tgkill(pid_t pid, pid_t tid, int signal_number);
+
+}  // extern "C"
+
+namespace {
+
+using Handler = void (*)(int, siginfo_t*, void*);
+
+constexpr int kUnwindSignal = 33;
+constexpr int kCancelSignal = 32;  // the C library's, for pthread_cancel
+constexpr size_t kKernelSetSize = 8;
+
+constexpr uint64_t SetOf(int signal_number) {
+  return uint64_t{1} << (signal_number - 1);
+}
+
+// As the kernel declares it.
+struct KernelAction {
+  Handler handler;
+  unsigned long flags;
+  void (*restorer)();
+  uint64_t mask;
+};
+
+#if defined(__x86_64__)
+constexpr unsigned long kRestorerFlag = 0x04000000;  // SA_RESTORER
+
+// The kernel returns from a handler through this. Its very bytes are how debuggers and unwinders
+// know a signal frame.
+extern "C" __attribute__((visibility("hidden"))) void quorvel_host_restorer();
+asm(".pushsection .text\n"
+    ".hidden quorvel_host_restorer\n"
+    ".type quorvel_host_restorer, @function\n"
+    "  nop\n"
+    "quorvel_host_restorer:\n"
+    "  mov $15, %rax\n"
+    "  syscall\n"
+    ".size quorvel_host_restorer, . - quorvel_host_restorer\n"
+    ".popsection\n");
+
+void SetRestorer(KernelAction* action) {
+  action->flags |= kRestorerFlag;
+  action->restorer = quorvel_host_restorer;
+}
+#else
+// The kernel maps the return into every process.
+void SetRestorer(KernelAction*) {}
+#endif
+
+long KernelSigaction(const KernelAction* action, KernelAction* old) {
+  return syscall(SYS_rt_sigaction, kUnwindSignal, action, old, kKernelSetSize);
+}
+
+// The kernel has one field for both kinds of handler.
+Handler AsHandler(sighandler_t handler) {
+  Handler result;
+  memcpy(&result, &handler, sizeof(result));
+  return result;
+}
+
+// How many signals of the library each thread has still to receive. One thread adds at a time (the
+// unwinder serialises its exchanges); any thread takes, in its signal handler.
+class Debts {
+ public:
+  void Add(pid_t tid) {
+    std::atomic<uint64_t>* debt = Find(tid);
+    for (auto* slot = debts_; debt == nullptr && slot != debts_ + kSlots; ++slot) {
+      if (CountOf(slot->load()) == 0) debt = slot;
+    }
+    if (debt == nullptr) return;  // that many threads that never answered: the signal stays libc's
+    uint64_t old = debt->load();
+    while (!debt->compare_exchange_weak(old, Pack(tid, CountOf(old) + 1))) {
+    }
+  }
+
+  bool Take(pid_t tid) {
+    std::atomic<uint64_t>* debt = Find(tid);
+    if (debt == nullptr) return false;
+    uint64_t old = debt->load();
+    while (TidOf(old) == tid && CountOf(old) > 0) {
+      if (debt->compare_exchange_weak(old, old - 1)) return true;
+    }
+    return false;
+  }
+
+  // For a thread that is gone: its id may come back with another.
+  void Forget(pid_t tid) {
+    if (std::atomic<uint64_t>* debt = Find(tid)) debt->store(0);
+  }
+
+  bool None() const {
+    for (const auto& debt : debts_) {
+      if (CountOf(debt.load()) != 0) return false;
+    }
+    return true;
+  }
+
+  void Clear() {
+    for (auto& debt : debts_) debt.store(0);
+  }
+
+ private:
+  static constexpr int kSlots = 256;
+
+  static uint64_t Pack(pid_t tid, uint32_t count) {
+    return static_cast<uint64_t>(static_cast<uint32_t>(tid)) << 32 | count;
+  }
+  static pid_t TidOf(uint64_t debt) { return static_cast<pid_t>(debt >> 32); }
+  static uint32_t CountOf(uint64_t debt) { return static_cast<uint32_t>(debt); }
+
+  std::atomic<uint64_t>* Find(pid_t tid) {
+    for (auto& debt : debts_) {
+      const uint64_t value = debt.load();
+      if (TidOf(value) == tid && CountOf(value) > 0) return &debt;
+    }
+    return nullptr;
+  }
+
+  std::atomic<uint64_t> debts_[kSlots] = {};
+};
+
+Debts g_debts;
+
+// The library's handler, or SIG_DFL or SIG_IGN.
+std::atomic<Handler> g_library_handler{AsHandler(SIG_DFL)};
+
+// What the host process itself had put there when it was last reported.
+std::atomic<Handler> g_hosts_handler{nullptr};
+
+// The C library's action, once it has been seen; written before Dispatch is first installed.
+KernelAction g_libc_action;
+std::atomic<Handler> g_libc_handler{nullptr};
+
+// Where the C library's own code lies. Looked up at load, when nobody is parked.
+struct CodeRange {
+  uintptr_t start;
+  uintptr_t end;
+};
+const CodeRange g_libc_code = [] {
+  CodeRange range = {0, 0};
+  dl_iterate_phdr(
+      [](struct dl_phdr_info* info, size_t, void* result) {
+        const uintptr_t inside = reinterpret_cast<uintptr_t>(&gnu_get_libc_version);
+        for (int i = 0; i < info->dlpi_phnum; ++i) {
+          const ElfW(Phdr)& segment = info->dlpi_phdr[i];
+          const uintptr_t start = info->dlpi_addr + segment.p_vaddr;
+          const uintptr_t end = start + segment.p_memsz;
+          if (segment.p_type != PT_LOAD || inside < start || inside >= end) continue;
+          *static_cast<CodeRange*>(result) = {start, end};
+          return 1;
+        }
+        return 0;
+      },
+      &range);
+  return range;
+}();
+
+bool IsLibcs(Handler handler) {
+  const uintptr_t address = reinterpret_cast<uintptr_t>(handler);
+  return address >= g_libc_code.start && address < g_libc_code.end;
+}
+
+// A device has no thread cancellation. Here it would unwind a thread out of the library's handler,
+// with that one's locks held and, for good, the signal blocked: a later setuid would wait for ever.
+// The action's mask holds the C library's signal for it back; what is asked for meanwhile comes
+// when the handler is done.
+void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* context) {
+  int type, state;
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  handler(signal_number, info, context);
+  pthread_setcancelstate(state, nullptr);
+  if (type == PTHREAD_CANCEL_DEFERRED) return;
+  // The thread may be in any blocking call, which makes it asynchronous for that long. Only for one
+  // that is about to end is the signal let through: another would see a next exchange in here.
+  uint64_t pending = 0;
+  syscall(SYS_rt_sigpending, &pending, kKernelSetSize);
+  if ((pending & SetOf(kCancelSignal)) != 0) {
+    constexpr uint64_t kUnwindSet = SetOf(kUnwindSignal);
+    syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &kUnwindSet, nullptr, kKernelSetSize);
+  }
+  pthread_setcanceltype(type, nullptr);  // may not return
+}
+
+void Dispatch(int signal_number, siginfo_t* info, void* context) {
+  const Handler handler = g_library_handler.load();
+  const bool callable = handler != AsHandler(SIG_DFL) && handler != AsHandler(SIG_IGN);
+  if (!g_debts.Take(gettid())) {
+    const Handler libc = g_libc_handler.load();
+    if (libc != nullptr) return libc(signal_number, info, context);
+  }
+  if (callable) CallUncancelled(handler, signal_number, info, context);
+}
+
+// Gives the C library its handler back when nothing of the library's is on its way any more.
+void GiveBackToLibc() {
+  if (g_libc_handler.load() != nullptr && g_debts.None()) KernelSigaction(&g_libc_action, nullptr);
+}
+
+KernelAction DispatchAction(const struct sigaction& action) {
+  KernelAction kernel = {};
+  kernel.handler = Dispatch;
+  kernel.flags = static_cast<unsigned long>(static_cast<unsigned>(action.sa_flags)) | SA_SIGINFO;
+  memcpy(&kernel.mask, &action.sa_mask, sizeof(kernel.mask));
+  kernel.mask |= SetOf(kCancelSignal);
+  SetRestorer(&kernel);
+  return kernel;
+}
+
+// What a caller is to see of what the kernel has.
+void Report(const KernelAction& kernel, struct sigaction* old) {
+  memset(old, 0, sizeof(*old));
+  const bool callable =
+      kernel.handler != AsHandler(SIG_DFL) && kernel.handler != AsHandler(SIG_IGN);
+  if (!callable || kernel.handler == Dispatch || IsLibcs(kernel.handler)) {
+    old->sa_sigaction = callable ? g_library_handler.load() : kernel.handler;
+    old->sa_flags = kernel.handler == Dispatch ? static_cast<int>(kernel.flags) : 0;
+    return;
+  }
+  g_hosts_handler.store(kernel.handler);
+  old->sa_sigaction = kernel.handler;
+  old->sa_flags = static_cast<int>(kernel.flags);
+  old->sa_restorer = kernel.restorer;
+  memcpy(&old->sa_mask, &kernel.mask, sizeof(kernel.mask));
+}
+
+bool IsHosts(const struct sigaction& action) {
+  const Handler hosts = g_hosts_handler.load();
+  return hosts != nullptr && action.sa_sigaction == hosts;
+}
+
+long InstallHosts(const struct sigaction& action) {
+  KernelAction kernel = {action.sa_sigaction,
+                         static_cast<unsigned long>(static_cast<unsigned>(action.sa_flags)),
+                         action.sa_restorer, 0};
+  memcpy(&kernel.mask, &action.sa_mask, sizeof(kernel.mask));
+  g_library_handler.store(AsHandler(SIG_DFL));
+  return KernelSigaction(&kernel, nullptr);
+}
+
+long Install(const struct sigaction& action) {
+  if (IsHosts(action)) return InstallHosts(action);
+  const bool default_or_ignore = action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
+  g_library_handler.store(action.sa_sigaction);
+  if (!default_or_ignore) {
+    const KernelAction kernel = DispatchAction(action);
+    return KernelSigaction(&kernel, nullptr);
+  }
+  if (g_libc_handler.load() == nullptr) {  // no threads yet: the kernel's own default or ignore
+    KernelAction kernel = {};
+    kernel.handler = action.sa_sigaction;
+    return KernelSigaction(&kernel, nullptr);
+  }
+  GiveBackToLibc();
+  return 0;
+}
+
+int UnwindSignalAction(const struct sigaction* action, struct sigaction* old) {
+  KernelAction kernel_old = {};
+  if (KernelSigaction(nullptr, &kernel_old) != 0) return -1;
+  if (IsLibcs(kernel_old.handler) && g_libc_handler.load() == nullptr) {
+    g_libc_action = kernel_old;
+    g_libc_handler.store(kernel_old.handler);
+  }
+  if (old != nullptr) Report(kernel_old, old);
+  return action == nullptr ? 0 : static_cast<int>(Install(*action));
+}
+
+void ForgetDebts() {
+  g_debts.Clear();
+}
+
+// Signals that are on their way do not reach the child of a fork.
+[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, ForgetDebts);
+
+}  // namespace
+
+int __wrap_sigaction(int signal_number, const struct sigaction* action, struct sigaction* old) {
+  if (signal_number == kUnwindSignal) return UnwindSignalAction(action, old);
+  return __real_sigaction(signal_number, action, old);
+}
+
+sighandler_t __wrap_signal(int signal_number, sighandler_t handler) {
+  if (signal_number != kUnwindSignal) return __real_signal(signal_number, handler);
+  struct sigaction action = {};
+  struct sigaction old = {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  return UnwindSignalAction(&action, &old) == 0 ? old.sa_handler : SIG_ERR;
+}
+
+int __wrap_tgkill(pid_t pid, pid_t tid, int signal_number) {
+  if (signal_number == kUnwindSignal) g_debts.Add(tid);
+  const int result = __real_tgkill(pid, tid, signal_number);
+  if (result != 0 && errno == ESRCH) {
+    g_debts.Forget(tid);
+  } else if (result != 0 && signal_number == kUnwindSignal) {
+    const int saved_errno = errno;
+    g_debts.Take(tid);
+    errno = saved_errno;
+  }
+  return result;
+}

@@ -1,0 +1,52 @@
+// Guarded reads of the own process: an address that is not readable is an answer, never a fault.
+#ifndef QUORVEL_HOST_UNWINDSTACK_OWN_MEMORY_H_
+#define QUORVEL_HOST_UNWINDSTACK_OWN_MEMORY_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace unwindstack {
+
+// Copies `size` bytes from `addr`; false, with `out` undefined, when any of them cannot be read.
+// Any thread; takes no lock, allocates nothing, leaves errno changed.
+bool ReadOwnMemory(uint64_t addr, void* out, size_t size);
+
+// Such reads for one unwind at a time, a page at a time. Not for two threads at once.
+//
+// The kept pages are forgotten as each unwind begins, for the next thread's stack and the mappings
+// may have changed. Only pages of a range declared stable stay, under the number that stands for
+// its present content.
+class PageCache {
+ public:
+  void BeginUnwind();
+
+  // Until the next call, pages within [start, end) are those of content number `content` (not 0).
+  void SetStable(uint64_t start, uint64_t end, uint64_t content);
+
+  bool Read(uint64_t addr, void* out, size_t size);
+
+  template <typename T>
+  bool Load(uint64_t addr, T* value) {
+    return Read(addr, value, sizeof(T));
+  }
+
+ private:
+  static constexpr size_t kPageSize = 4096;  // a part of a page where the kernel's are larger
+  static constexpr size_t kPages = 256;
+
+  struct Page {
+    uint64_t addr;
+    uint64_t stamp;  // 0: holds nothing
+    unsigned char data[kPageSize];
+  };
+
+  const Page* Fetch(uint64_t page_addr);
+
+  Page* pages_ = nullptr;
+  uint64_t unwind_count_ = 0;
+  uint64_t stable_start_ = 0, stable_end_ = 0, stable_stamp_ = 0;
+};
+
+}  // namespace unwindstack
+
+#endif  // QUORVEL_HOST_UNWINDSTACK_OWN_MEMORY_H_

@@ -1,0 +1,256 @@
+#include "stack_walk.h"
+
+#include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include "interned_text.h"
+#include "machine_context.h"
+
+// Exported by the unwinding library for its remote users, declared in none of its headers.
+extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t space, unw_word_t pc,
+                                                  unw_dyn_info_t* table, unw_proc_info_t* info,
+                                                  int need_unwind_info, void* arg);
+
+namespace unwindstack {
+namespace {
+
+// Words of memory that one step may read: a lying table could have it run for ever.
+constexpr unsigned kReadsPerStep = 32 << 10;
+
+#if defined(__x86_64__)
+// mov $SYS_rt_sigreturn, %rax; syscall
+constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
+constexpr uint64_t kContextAboveSp = offsetof(ucontext_t, uc_mcontext);
+static_assert(UNW_X86_64_RSP == Regs::kSp && UNW_X86_64_RIP == Regs::kPc, "one numbering");
+#else
+// mov x8, #SYS_rt_sigreturn; svc #0
+constexpr unsigned char kTrampoline[] = {0x68, 0x11, 0x80, 0xd2, 0x01, 0, 0, 0xd4};
+constexpr uint64_t kContextAboveSp = sizeof(siginfo_t) + offsetof(ucontext_t, uc_mcontext);
+static_assert(UNW_AARCH64_SP == Regs::kSp && UNW_AARCH64_PC == Regs::kPc, "one numbering");
+#endif
+
+}  // namespace
+
+unw_addr_space_t StackWalk::CreateAddressSpace() {
+  static unw_accessors_t accessors = {FindProcInfo, PutUnwindInfo, GetDynInfoList, AccessMem,
+                                      AccessReg,    AccessFpReg,   Resume,         GetProcName};
+  unw_addr_space_t space = unw_create_addr_space(&accessors, 0);
+  // Its cache of register states outlives libraries and mixes the two sides of a return address.
+  if (space != nullptr) unw_set_caching_policy(space, UNW_CACHE_NONE);
+  return space;
+}
+
+int StackWalk::FindProcInfo(unw_addr_space_t space, unw_word_t pc, unw_proc_info_t* info, int need,
+                            void* self) {
+  const FrameEntry& entry = static_cast<StackWalk*>(self)->entry_;
+  if (pc < entry.start || pc >= entry.end) return -UNW_EINVAL;  // ENOINFO would have it guess
+  unw_dyn_info_t table = {};
+  table.format = UNW_INFO_FORMAT_REMOTE_TABLE;
+  table.start_ip = entry.start;
+  table.end_ip = entry.end;
+  table.u.rti.segbase = entry.table;
+  table.u.rti.table_data = entry.entry;
+  table.u.rti.table_len = 1;  // words, so one entry
+  int result = UNW_OBJ(dwarf_search_unwind_table)(space, pc, &table, info, need, self);
+  return result == -UNW_ENOINFO ? -UNW_EINVAL : result;
+}
+
+void StackWalk::PutUnwindInfo(unw_addr_space_t, unw_proc_info_t*, void*) {}
+
+int StackWalk::GetDynInfoList(unw_addr_space_t, unw_word_t*, void*) {
+  return -UNW_ENOINFO;
+}
+
+int StackWalk::AccessMem(unw_addr_space_t, unw_word_t addr, unw_word_t* value, int write,
+                         void* self) {
+  auto* walk = static_cast<StackWalk*>(self);
+  if (write != 0 || walk->reads_left_ == 0) return -UNW_EINVAL;
+  --walk->reads_left_;
+  return walk->memory_.Load(addr, value) ? 0 : -UNW_EINVAL;
+}
+
+int StackWalk::AccessReg(unw_addr_space_t, unw_regnum_t reg, unw_word_t* value, int write,
+                         void* self) {
+  auto* walk = static_cast<StackWalk*>(self);
+  if (write != 0 || reg < 0 || static_cast<size_t>(reg) >= Regs::kCount) return -UNW_EBADREG;
+  // A new cursor takes its pc as exact.
+  *value = reg == Regs::kPc ? walk->LookupPc() : walk->regs_[reg];
+  return 0;
+}
+
+int StackWalk::AccessFpReg(unw_addr_space_t, unw_regnum_t, unw_fpreg_t*, int, void*) {
+  return -UNW_EBADREG;
+}
+
+int StackWalk::Resume(unw_addr_space_t, unw_cursor_t*, void*) {
+  return -UNW_EINVAL;
+}
+
+int StackWalk::GetProcName(unw_addr_space_t, unw_word_t, char*, size_t, unw_word_t*, void*) {
+  return -UNW_ENOINFO;
+}
+
+void StackWalk::Run(unw_addr_space_t space, const Regs& regs, Maps* maps, size_t max_frames,
+                    std::vector<FrameData>* frames) {
+  space_ = space;
+  maps_ = maps;
+  code_count_ = 0;
+  for (size_t i = 0; i < Regs::kCount; ++i) regs_[i] = regs[i];
+  memory_.BeginUnwind();
+  Restart(kExact);
+  while (frames->size() < max_frames) {
+    const Code* code = Inspect();
+    if (code == nullptr && !frames->empty()) break;
+    frames->push_back(MakeFrame(frames->size(), code));
+    if (frames->size() == max_frames || !Step(code)) break;
+  }
+}
+
+// Looks at the current pc: the code that holds it, null if none does, and how to go on from there.
+const StackWalk::Code* StackWalk::Inspect() {
+  has_entry_ = trampoline_ = false;
+  const Code* code = FindCode(LookupPc());
+  // Only a trampoline is returned to without a call before it.
+  bool uncalled = code == nullptr && kind_ == kReturn;
+  if (uncalled) code = FindCode(regs_[Regs::kPc]);
+  if (code == nullptr) return nullptr;
+  if (const Module* module = code->module) {
+    ElfImage::Range segment = module->image.unwind_segment();
+    uint64_t start = module->bias + segment.vaddr;
+    memory_.SetStable(start, start + (module->stable ? segment.size : 0), module->content);
+    has_entry_ = FindFrameEntry(*module, LookupPc(), &memory_, &entry_);
+  }
+  bool signal_frame = has_entry_ && entry_.signal_frame;
+  trampoline_ = (!has_entry_ || signal_frame) && AtTrampoline();
+  if (trampoline_ || signal_frame) kind_ = kExact;
+  return uncalled && !trampoline_ ? nullptr : code;
+}
+
+// The executable mapping that holds `pc`; of the innermost frame's garbage pc, none.
+const StackWalk::Code* StackWalk::FindCode(uint64_t pc) {
+  for (size_t i = 0; i < code_count_ && i < kCodes; ++i) {
+    const Mapping& mapping = codes_[i].mapping;
+    if (pc >= mapping.start && pc < mapping.end) return &codes_[i];
+  }
+  Mapping mapping;
+  if (!maps_->Find(pc, &mapping) || !(mapping.prot & PROT_EXEC)) return nullptr;
+  Code* code = &codes_[code_count_++ % kCodes];
+  code->mapping = mapping;
+  code->module = modules_.Get(mapping, maps_);
+  return code;
+}
+
+FrameData StackWalk::MakeFrame(size_t number, const Code* code) const {
+  FrameData frame;
+  frame.num = number;
+  frame.pc = frame.rel_pc = regs_[Regs::kPc];
+  frame.sp = regs_[Regs::kSp];
+  Mapping data;  // of a pc that isn't in code
+  if (code == nullptr && !maps_->Find(frame.pc, &data)) return frame;
+  const Mapping& mapping = code != nullptr ? code->mapping : data;
+  frame.map_name = SharedString(mapping.text);
+  frame.map_start = mapping.start;
+  frame.map_end = mapping.end;
+  frame.map_exact_offset = mapping.offset;
+  frame.map_flags = mapping.prot;
+  const Module* module = code != nullptr ? code->module : nullptr;
+  if (module == nullptr) {
+    frame.rel_pc = frame.pc - mapping.start + (mapping.IsFile() ? mapping.offset : 0);
+    return frame;
+  }
+  frame.rel_pc = frame.pc - module->bias;
+  frame.map_elf_start_offset = module->elf_start_offset;
+  frame.map_load_bias = module->image.load_bias();
+  ElfImage::Function function;
+  if (module->image.FindFunction(LookupPc() - module->bias, &function)) {
+    frame.function_name = SharedString(Intern(function.name));
+    frame.function_offset = frame.rel_pc - function.start;
+  }
+  return frame;
+}
+
+// Has the next step begin from regs_ alone.
+void StackWalk::Restart(PcKind kind) {
+  kind_ = kind;
+  cursor_valid_ = false;
+}
+
+bool StackWalk::Step(const Code* code) {
+  if (code == nullptr) return StepFromNowhere();
+  if (trampoline_) return StepOverSignal();
+  return has_entry_ ? StepByTable() : StepByFramePointer();
+}
+
+// The pc leads nowhere, as after a call through a null pointer: its caller is where that call
+// would return to, if that is code.
+bool StackWalk::StepFromNowhere() {
+#if defined(__x86_64__)
+  if (!memory_.Load(regs_[Regs::kSp], &regs_[Regs::kPc])) return false;
+  regs_[Regs::kSp] += sizeof(uint64_t);
+#else
+  regs_[Regs::kPc] = regs_[Regs::kLr];
+#endif
+  Restart(kReturn);
+  return true;
+}
+
+bool StackWalk::AtTrampoline() {
+  unsigned char code[sizeof(kTrampoline)];
+  return memory_.Load(regs_[Regs::kPc], &code) && memcmp(code, kTrampoline, sizeof(code)) == 0;
+}
+
+bool StackWalk::StepOverSignal() {
+  mcontext_t context;
+  if (!memory_.Read(regs_[Regs::kSp] + kContextAboveSp, &context, kMachineContextHead))
+    return false;
+  ReadMachineContext(context, regs_);
+  Restart(kExact);
+  return true;
+}
+
+bool StackWalk::StepByTable() {
+  if (space_ == nullptr) return false;
+  if (!cursor_valid_ && unw_init_remote(&cursor_, space_, this) != 0) return false;
+  cursor_valid_ = true;
+  reads_left_ = kReadsPerStep;
+  unw_word_t pc, sp;
+  if (unw_step(&cursor_) <= 0 || unw_get_reg(&cursor_, UNW_REG_IP, &pc) != 0 ||
+      unw_get_reg(&cursor_, UNW_REG_SP, &sp) != 0) {
+    return false;
+  }
+  // A caller's frame lies above, but for what a signal interrupted on another stack.
+  if (sp < regs_[Regs::kSp] && !entry_.signal_frame) return false;
+  regs_[Regs::kPc] = pc;
+  regs_[Regs::kSp] = sp;
+  kind_ = entry_.signal_frame ? kExact : kReturn;
+  return true;
+}
+
+void StackWalk::FetchRegisters() {
+  if (!cursor_valid_) return;
+  for (size_t i = 0; i < Regs::kCount; ++i) {
+    unw_word_t value;
+    if (i == Regs::kPc || i == Regs::kSp) continue;
+    regs_[i] = unw_get_reg(&cursor_, static_cast<int>(i), &value) == 0 ? value : 0;
+  }
+}
+
+// The last resort, for code without tables: it may keep a frame pointer, which is believed where it
+// leads up the stack. What it leads to must be code, as for any caller. The caller's own need not
+// be a frame pointer: a caller with tables has no use for one.
+bool StackWalk::StepByFramePointer() {
+  reads_left_ = kReadsPerStep;
+  FetchRegisters();
+  uint64_t fp = regs_[Regs::kFp];
+  uint64_t record[2];  // the caller's frame pointer, the return address
+  if (fp < regs_[Regs::kSp] || fp % sizeof(uint64_t) != 0 || !memory_.Load(fp, &record))
+    return false;
+  regs_[Regs::kFp] = record[0];
+  regs_[Regs::kPc] = record[1];
+  regs_[Regs::kSp] = fp + sizeof(record);
+  Restart(kReturn);
+  return true;
+}
+
+}  // namespace unwindstack

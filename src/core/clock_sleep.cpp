@@ -1,0 +1,56 @@
+// quorvel_clock_sleep of quorvel.h.
+
+#include <quorvel/quorvel.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr long kNanosPerSecond = 1000000000;
+constexpr long kCloseEnoughNanos = 100000000;
+constexpr long kMicrosPerSecond = 1000000;
+constexpr long kMaxChunkSeconds = 10;
+
+struct timespec BootTime() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return now;
+}
+
+bool IsAfter(const struct timespec& a, const struct timespec& b) {
+  return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
+}
+
+// deadline must not lie before now.
+struct timespec Remaining(const struct timespec& deadline, const struct timespec& now) {
+  struct timespec left = {deadline.tv_sec - now.tv_sec, deadline.tv_nsec - now.tv_nsec};
+  if (left.tv_nsec < 0) {
+    left.tv_sec -= 1;
+    left.tv_nsec += kNanosPerSecond;
+  }
+  return left;
+}
+
+// Seconds beyond the clock's range wait until its end, which is for ever.
+time_t DeadlineSecond(time_t now, unsigned long seconds) {
+  time_t deadline;
+  if (__builtin_add_overflow(now, seconds, &deadline)) {
+    return static_cast<time_t>((~0ul) >> 1);
+  }
+  return deadline;
+}
+
+}  // namespace
+
+void quorvel_clock_sleep(unsigned long seconds) {
+  struct timespec deadline = BootTime();
+  deadline.tv_sec = DeadlineSecond(deadline.tv_sec, seconds);
+  for (;;) {
+    const struct timespec now = BootTime();
+    if (IsAfter(now, deadline)) return;
+    const struct timespec left = Remaining(deadline, now);
+    if (left.tv_sec == 0 && left.tv_nsec < kCloseEnoughNanos) return;
+    usleep(static_cast<useconds_t>((left.tv_sec % kMaxChunkSeconds) * kMicrosPerSecond +
+                                   left.tv_nsec / 1000));
+  }
+}

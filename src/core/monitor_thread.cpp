@@ -1,0 +1,97 @@
+#include "core/monitor_thread.h"
+
+#include <bounds_checked.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr uint32_t kQuietTicksBeforeWait = 3;
+
+struct alignas(64) WakeState {
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  int32_t waiting = 0;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+};
+
+WakeState g_wake;
+alignas(64) std::atomic<bool> g_vendor{false};
+
+// A sleep that a signal cuts short is made up once; a tick never takes more than two.
+void SleepOneTick() {
+  if (sleep(1) == 1) sleep(1);
+}
+
+QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
+  return {node.id, node.callback, node.tid, node.name, node.start, node.arg, node.flags};
+}
+
+}  // namespace
+
+void* QuorvelThreadHandle(void*) {
+  pthread_setname_np(pthread_self(), "quorvel");
+  QuorvelMonitor monitor;
+  for (;;) {
+    SleepOneTick();
+    if (QuorvelMonitorPass(&monitor)) QuorvelWaitForStart(&monitor);
+  }
+}
+
+bool QuorvelMonitorPass(QuorvelMonitor* monitor) {
+  QuorvelCollectExpired(monitor);
+  for (int32_t i = 0; i < monitor->count; ++i) {
+    QuorvelTimeoutResponse(monitor->batch[i], g_vendor.load(std::memory_order_relaxed));
+  }
+  return QuorvelCountIdleTick(monitor);
+}
+
+void QuorvelCollectExpired(QuorvelMonitor* monitor) {
+  memset_s(monitor->batch, sizeof(monitor->batch), 0, sizeof(monitor->batch));
+  monitor->count = 0;
+  RegistryLock lock;
+  while (QuorvelNode* node = QuorvelFirstExpired()) {
+    QuorvelUnlinkNode(node);
+    monitor->batch[monitor->count++] = CopyOf(*node);
+    QuorvelReleaseNode(node);
+    QuorvelCountEnded();
+  }
+  QuorvelAdvanceCursor();
+}
+
+bool QuorvelCountIdleTick(QuorvelMonitor* monitor) {
+  const uint32_t started = QuorvelStartedCount();
+  const bool quiet = started == monitor->started_snapshot && started == QuorvelEndedCount();
+  monitor->idle_ticks = quiet ? monitor->idle_ticks + 1 : 0;
+  monitor->started_snapshot = started;
+  return monitor->idle_ticks >= kQuietTicksBeforeWait;
+}
+
+void QuorvelWaitForStart(QuorvelMonitor* monitor) {
+  pthread_mutex_lock(&g_wake.lock);
+  if (QuorvelStartedCount() == monitor->started_snapshot) {
+    g_wake.waiting = 1;
+    pthread_cond_wait(&g_wake.condition, &g_wake.lock);
+    g_wake.waiting = 0;
+  }
+  pthread_mutex_unlock(&g_wake.lock);
+  monitor->idle_ticks = 0;
+}
+
+void QuorvelWakeMonitor() {
+  pthread_mutex_lock(&g_wake.lock);
+  if (g_wake.waiting != 0) pthread_cond_signal(&g_wake.condition);
+  pthread_mutex_unlock(&g_wake.lock);
+}
+
+void QuorvelSetVendor(bool is_vendor) {
+  g_vendor.store(is_vendor, std::memory_order_relaxed);
+}
+
+void QuorvelResetMonitorAfterFork() {
+  g_wake.lock = PTHREAD_MUTEX_INITIALIZER;
+  g_wake.waiting = 0;
+  g_wake.condition = PTHREAD_COND_INITIALIZER;
+  QuorvelResetResponseAfterFork();
+}

@@ -1,0 +1,37 @@
+// The recovery limit: how often this program may be ended by the library. It is kept outside the
+// process, in a system property named after the program: five times without pause, and from then on
+// once every half hour.
+#ifndef QUORVEL_CORE_RECOVERY_LIMIT_H_
+#define QUORVEL_CORE_RECOVERY_LIMIT_H_
+
+#include <cstdint>
+#include <string>
+
+// Ends the process with _exit(1), after counting that in the recovery record, unless the recovery
+// switch or the limit forbids it; then it says so in the log and returns. Monitor thread only.
+void QuorvelRecover(bool is_vendor);
+
+// Logs that the process is not to be ended: its watch does not ask for it, or the switch is off.
+void QuorvelSayRecoveryNotSet();
+
+// The steps of it.
+
+struct QuorvelRecoveryRecord {
+  int32_t count;  // how often the program has been ended
+  int64_t time;   // wall-clock second of the last time
+};
+
+// The System V ABI's hash of a symbol name, below 2^28.
+uint32_t QuorvelElfHash(const char* name);
+
+// The property that holds the recovery record of the program of this name.
+std::string QuorvelRecoveryRecordName(bool is_vendor, const char* program);
+
+// Reads "count,time". Without a comma both are 0; a malformed number is 0; text after one is
+// ignored.
+QuorvelRecoveryRecord QuorvelParseRecoveryRecord(const char* value);
+
+// Whether the record allows one more exit at the wall-clock second now.
+bool QuorvelRecoveryAllowed(const QuorvelRecoveryRecord& record, int64_t now);
+
+#endif  // QUORVEL_CORE_RECOVERY_LIMIT_H_

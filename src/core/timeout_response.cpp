@@ -1,0 +1,72 @@
+#include "core/timeout_response.h"
+
+#include <android/log.h>
+#include <time.h>
+
+#include "core/recovery_limit.h"
+#include "log/incident_close.h"
+#include "log/incident_header.h"
+#include "log/kernel_backtrace.h"
+#include "log/log_file.h"
+#include "log/log_tag.h"
+#include "log/quorvel_log.h"
+#include "log/user_backtrace.h"
+#include "unwind/unwindstack_wrapper.h"
+
+namespace {
+
+constexpr int64_t kRatePeriodSeconds = 60;
+constexpr uint32_t kRateLimit = 6;
+constexpr uint32_t kRateLimitedFlags = QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE;
+
+// Monitor thread only. The count is never reset: a new period moves only its start, so a process
+// that keeps hanging is soon down to one incident a period.
+struct RatePeriod {
+  int64_t start = 0;  // wall-clock seconds
+  uint32_t count = 0;
+};
+RatePeriod g_period;
+
+bool WithinRateLimit() {
+  const int64_t now = time(nullptr);
+  if (g_period.start + kRatePeriodSeconds < now) {
+    g_period.start = now;
+    return true;
+  }
+  ++g_period.count;
+  return g_period.count < kRateLimit;
+}
+
+void WriteIncident(const QuorvelTimeoutInfo& info, bool is_vendor) {
+  QuorvelInitLog(static_cast<int>(info.flags), is_vendor);
+  QuorvelInsertLogTitle(info.tid, info.name, info.start);
+  QuorvelFlushLog();
+  if (info.callback != nullptr) info.callback(info.arg);
+  if ((info.flags & QUORVEL_FLAG_BACKTRACE) != 0) {
+    QuorvelKernBacktrace(info.tid);
+    QuorvelUserBacktrace(info.tid);
+  }
+  QuorvelEndLog();
+}
+
+}  // namespace
+
+void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor) {
+  __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Trigger 0x%x Callback Function ...\n", info.id);
+  if ((info.flags & kRateLimitedFlags) != 0 && !WithinRateLimit()) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                        "Too many callback triggerd in a short time! \n");
+    return;
+  }
+  WriteIncident(info, is_vendor);
+  if ((info.flags & QUORVEL_FLAG_RECOVERY) == 0) {
+    QuorvelSayRecoveryNotSet();
+    return;
+  }
+  QuorvelRecover(is_vendor);
+}
+
+void QuorvelResetResponseAfterFork() {
+  QuorvelDropLogAfterFork();
+  unwindstack_wrapper_reset_after_fork();
+}

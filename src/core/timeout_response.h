@@ -1,0 +1,29 @@
+// The response to one expired watch: announcement, rate limit, incident log, callback, stacks,
+// hang event, and the end of the process where the watch asks for it.
+#ifndef QUORVEL_CORE_TIMEOUT_RESPONSE_H_
+#define QUORVEL_CORE_TIMEOUT_RESPONSE_H_
+
+#include <quorvel/quorvel.h>
+
+#include <cstdint>
+
+// The monitor's copy of an expired watch, whose node is free again already.
+struct QuorvelTimeoutInfo {
+  uint32_t id;
+  QuorvelCallback callback;
+  int32_t tid;
+  const char* name;
+  int64_t start;  // wall-clock seconds
+  void* arg;
+  uint32_t flags;
+};
+
+// Runs the whole response, the client's callback included, for as long as that takes. May end the
+// process. A failure of a step is logged and stops no other step. Monitor thread only, with no lock
+// of the core held.
+void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor);
+
+// In the child of a fork: lets go of an incident that the parent had open.
+void QuorvelResetResponseAfterFork();
+
+#endif  // QUORVEL_CORE_TIMEOUT_RESPONSE_H_

@@ -1,0 +1,136 @@
+// The four watch calls of quorvel.h.
+
+#include <android-base/file.h>
+#include <android/log.h>
+#include <pthread.h>
+#include <quorvel/quorvel.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
+#include "core/monitor_thread.h"
+#include "core/watch_registry.h"
+#include "log/log_tag.h"
+
+namespace {
+
+constexpr int32_t kMinTimeout = 1;
+constexpr int32_t kMaxTimeout = 60;
+constexpr char kVendorPrefix[] = "/vendor";
+
+pthread_mutex_t g_init_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Set under the init lock once registry and monitor stand; read without it. Release and acquire
+// make whoever sees it set see them built.
+std::atomic<bool> g_initialised{false};
+
+bool Initialised() {
+  return g_initialised.load(std::memory_order_acquire);
+}
+
+// Locks may be held by threads that the child does not have, and its monitor is not there: all of
+// it starts anew with the child's own quorvel_init.
+void StartAnewInChild() {
+  g_initialised.store(false, std::memory_order_relaxed);
+  g_init_lock = PTHREAD_MUTEX_INITIALIZER;
+  QuorvelResetRegistryAfterFork();
+  QuorvelResetMonitorAfterFork();
+}
+
+void RegisterForkHandler() {
+  pthread_atfork(nullptr, nullptr, StartAnewInChild);
+}
+
+void QuorvelManagerInit() {
+  QuorvelBuildRegistry();
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr) != 0) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pthread_create return fail, %s\n", __func__);
+    return;
+  }
+  g_initialised.store(true, std::memory_order_release);
+}
+
+void RefreshVendorFlag() {
+  const std::string path = android::base::GetExecutablePath();
+  QuorvelSetVendor(path.compare(0, sizeof(kVendorPrefix) - 1, kVendorPrefix) == 0);
+}
+
+}  // namespace
+
+void quorvel_init() {
+  // Before the init lock is first taken: a fork while another thread is inside the first init must
+  // leave a child that can init itself.
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  pthread_once(&once, RegisterForkHandler);
+  pthread_mutex_lock(&g_init_lock);
+  if (!Initialised()) QuorvelManagerInit();
+  RefreshVendorFlag();
+  pthread_mutex_unlock(&g_init_lock);
+}
+
+uint32_t __quorvel_start_ex(const char* name, int32_t timeout, QuorvelCallback callback, void* arg,
+                            uint32_t flags) {
+  if (!Initialised()) return QUORVEL_INVALID_ID;
+  if (timeout < kMinTimeout || timeout > kMaxTimeout) return QUORVEL_INVALID_ID;
+
+  const int64_t now = time(nullptr);
+  const int32_t tid = gettid();
+  uint32_t id = QUORVEL_INVALID_ID;
+  {
+    RegistryLock lock;
+    if (QuorvelNode* node = QuorvelGetFreeNode()) {
+      id = node->id;
+      node->name = name;
+      node->start = now;
+      node->timeout = timeout;
+      node->tid = tid;
+      node->arg = arg;
+      node->flags = flags;
+      node->callback = callback;
+      QuorvelInsertWheel(node, timeout);
+    }
+  }
+  if (id == QUORVEL_INVALID_ID) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "No free quorvel node\n");
+    return QUORVEL_INVALID_ID;
+  }
+  QuorvelCountStarted();
+  QuorvelWakeMonitor();
+  return id;
+}
+
+uint32_t quorvel_update(uint32_t id, int32_t timeout) {
+  if (!Initialised() || !QuorvelIdHasIndex(id)) return QUORVEL_INVALID_ID;
+  RegistryLock lock;
+  QuorvelNode* node = QuorvelFindNode(id);
+  if (node == nullptr || !QuorvelTimeoutFits(timeout)) return QUORVEL_INVALID_ID;
+  QuorvelUnlinkNode(node);
+  QuorvelInsertWheel(node, timeout);
+  return id;
+}
+
+void quorvel_end(uint32_t id) {
+  if (!Initialised()) return;
+  if (!QuorvelIdHasIndex(id)) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s: not valid id 0x%x\n", __func__, id);
+    return;
+  }
+  bool ended = false;
+  {
+    RegistryLock lock;
+    if (QuorvelNode* node = QuorvelFindNode(id)) {
+      QuorvelUnlinkNode(node);
+      QuorvelReleaseNode(node);
+      ended = true;
+    }
+  }
+  if (!ended) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s: alrealy release id 0x%x ?\n", __func__,
+                        id);
+    return;
+  }
+  QuorvelCountEnded();
+}

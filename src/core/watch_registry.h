@@ -1,0 +1,176 @@
+// The registry: every watch of the process, in a fixed pool of 128 nodes. A node is always on
+// exactly one circular list: the free list, or one of the 64 slots of the timing wheel, one slot a
+// second. The cursor names the slot that the monitor empties at its next tick.
+//
+// Threads: the registry lock guards pool, lists and cursor. Every operation below that is not said
+// to be free of it must be called with the lock held. Each takes constant time; none allocates,
+// blocks or calls out. The two counters are atomics and need no lock.
+#ifndef QUORVEL_CORE_WATCH_REGISTRY_H_
+#define QUORVEL_CORE_WATCH_REGISTRY_H_
+
+#include <pthread.h>
+#include <quorvel/quorvel.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+constexpr int32_t kPoolSize = 128;
+constexpr int32_t kWheelSlots = 64;
+constexpr uint32_t kIdIndexBits = 9;
+constexpr uint32_t kIdIndexMask = (1u << kIdIndexBits) - 1;
+
+struct QuorvelLink {
+  QuorvelLink* next;
+  QuorvelLink* prev;
+};
+
+struct QuorvelNode {
+  uint32_t id;               // QUORVEL_INVALID_ID while the node is free
+  int32_t index;             // place in the pool; kept through every clearing
+  const char* name;          // the client's text, not copied; may be null
+  int64_t start;             // wall-clock seconds at the start call
+  int32_t timeout;           // seconds, as given to the start call
+  int32_t tid;               // kernel id of the thread that started the watch
+  void* arg;                 // handed to the callback
+  uint32_t flags;            // QUORVEL_FLAG_*
+  QuorvelCallback callback;  // may be null
+  QuorvelLink link;
+};
+
+// The registry's state. Client threads write the lock, the counters and the pool at once: each has
+// cache lines of its own, so that a thread that only counts does not slow one inside the lock. Only
+// the functions of this room touch it; it stands here so that a start and an end need no call for
+// each step.
+struct QuorvelRegistry {
+  alignas(64) pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  int32_t cursor = 0;
+  QuorvelLink free_list = {&free_list, &free_list};
+  alignas(64) QuorvelLink wheel[kWheelSlots] = {};
+  alignas(64) QuorvelNode pool[kPoolSize] = {};
+  alignas(64) std::atomic<uint32_t> started{0};
+  alignas(64) std::atomic<uint32_t> ended{0};
+};
+extern QuorvelRegistry g_registry;
+
+// Holds the registry lock for its scope.
+class RegistryLock {
+ public:
+  RegistryLock() { pthread_mutex_lock(&g_registry.lock); }
+  ~RegistryLock() { pthread_mutex_unlock(&g_registry.lock); }
+  RegistryLock(const RegistryLock&) = delete;
+  RegistryLock& operator=(const RegistryLock&) = delete;
+};
+
+// The circular lists. A head that points to itself is an empty list.
+inline void QuorvelMakeEmpty(QuorvelLink* head) {
+  head->next = head;
+  head->prev = head;
+}
+
+inline bool QuorvelIsEmpty(const QuorvelLink& head) {
+  return head.next == &head;
+}
+
+inline void QuorvelAppendTail(QuorvelLink* head, QuorvelLink* link) {
+  link->next = head;
+  link->prev = head->prev;
+  head->prev->next = link;
+  head->prev = link;
+}
+
+inline QuorvelNode* QuorvelNodeOf(QuorvelLink* link) {
+  return reinterpret_cast<QuorvelNode*>(reinterpret_cast<char*>(link) -
+                                        offsetof(QuorvelNode, link));
+}
+
+// Puts every node on the free list in index order, empties the wheel, sets the cursor to slot 0.
+void QuorvelBuildRegistry();
+
+// Watches started successfully and nodes released, since the process started, modulo 2^32. Their
+// difference is the number of armed watches. Sequentially consistent; no lock needed.
+inline void QuorvelCountStarted() {
+  g_registry.started.fetch_add(1);
+}
+inline void QuorvelCountEnded() {
+  g_registry.ended.fetch_add(1);
+}
+inline uint32_t QuorvelStartedCount() {
+  return g_registry.started.load();
+}
+inline uint32_t QuorvelEndedCount() {
+  return g_registry.ended.load();
+}
+
+// Takes a node off whatever list it is on.
+inline void QuorvelUnlinkNode(QuorvelNode* node) {
+  node->link.prev->next = node->link.next;
+  node->link.next->prev = node->link.prev;
+}
+
+// Takes the head of the free list off it and forms its id; null when no node is free.
+inline QuorvelNode* QuorvelGetFreeNode() {
+  if (QuorvelIsEmpty(g_registry.free_list)) return nullptr;
+  QuorvelNode* node = QuorvelNodeOf(g_registry.free_list.next);
+  QuorvelUnlinkNode(node);
+  QuorvelMakeEmpty(&node->link);
+  node->id = static_cast<uint32_t>(node->index) | (QuorvelStartedCount() << kIdIndexBits);
+  return node;
+}
+
+// Whether the wheel has a slot for timeout: not negative, and cursor + timeout fits in 32 bits.
+inline bool QuorvelTimeoutFits(int32_t timeout) {
+  int32_t deadline;
+  return timeout >= 0 && !__builtin_add_overflow(g_registry.cursor, timeout, &deadline);
+}
+
+// Links a node that is on no list into slot (cursor + timeout) mod 64, at the tail. timeout must
+// have passed QuorvelTimeoutFits.
+inline void QuorvelInsertWheel(QuorvelNode* node, int32_t timeout) {
+  const int32_t slot = (g_registry.cursor + timeout) % kWheelSlots;
+  QuorvelAppendTail(&g_registry.wheel[slot], &node->link);
+}
+
+// Whether the low bits of id name a node at all. Needs no lock.
+inline bool QuorvelIdHasIndex(uint32_t id) {
+  return (id & kIdIndexMask) < static_cast<uint32_t>(kPoolSize);
+}
+
+// The armed node that carries exactly this id; null when the watch was ended, has expired or never
+// was. The id must have an index.
+inline QuorvelNode* QuorvelFindNode(uint32_t id) {
+  QuorvelNode* node = &g_registry.pool[id & kIdIndexMask];
+  return node->id == id ? node : nullptr;
+}
+
+// Clears a node but for its index.
+inline void QuorvelClearNode(QuorvelNode* node, int32_t index) {
+  *node = QuorvelNode{};
+  node->id = QUORVEL_INVALID_ID;
+  node->index = index;
+}
+
+// Clears a node that is on no list and appends it to the free list. The caller counts it with
+// QuorvelCountEnded, before or after letting go of the lock.
+inline void QuorvelReleaseNode(QuorvelNode* node) {
+  QuorvelClearNode(node, node->index);
+  QuorvelAppendTail(&g_registry.free_list, &node->link);
+}
+
+// The node that has been longest in the slot under the cursor; null when the slot is empty.
+inline QuorvelNode* QuorvelFirstExpired() {
+  QuorvelLink& slot = g_registry.wheel[g_registry.cursor];
+  return QuorvelIsEmpty(slot) ? nullptr : QuorvelNodeOf(slot.next);
+}
+
+// Moves the cursor one slot on.
+inline void QuorvelAdvanceCursor() {
+  g_registry.cursor = (g_registry.cursor + 1) % kWheelSlots;
+}
+
+// In the child of a fork, whose one thread may have forked while another held the lock: frees the
+// lock and counts every watch of the parent as ended. The lists stay as they are until the next
+// build.
+void QuorvelResetRegistryAfterFork();
+
+#endif  // QUORVEL_CORE_WATCH_REGISTRY_H_

@@ -1,0 +1,77 @@
+#include "log/incident_close.h"
+
+#include <android/log.h>
+#include <bounds_checked.h>
+#include <cutils/trace.h>
+#include <kelvane.h>
+#include <quorvel/quorvel.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "log/log_file.h"
+#include "log/log_tag.h"
+#include "log/quorvel_log.h"
+
+namespace {
+
+constexpr int kHangEvent = 12;
+constexpr int kConfigSize = 512;
+
+void CloseLog() {
+  const int fd = QuorvelGetLogFd();
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
+  QuorvelSetLogFd(-1);
+}
+
+// Whether the service wants the event: only the first character of its configuration counts.
+bool EventSwitchedOn() {
+  char config[kConfigSize];
+  memset_s(config, sizeof(config), 0, sizeof(config));
+  if (dravik_get_config(kHangEvent, config, kConfigSize) != 0) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "get dravik config fail, skip...\n");
+    return false;
+  }
+  return config[0] == '1';
+}
+
+std::string EventMessage(const std::string& program) {
+  const std::string& path = QuorvelLastLogPath();
+  return path.empty() ? program : program + "," + path;
+}
+
+std::string EventCommand(const std::string& program) {
+  if ((static_cast<uint32_t>(QuorvelGetLogFlags()) & QUORVEL_FLAG_SYSTRACE) == 0) return "";
+  return "Z=copy_systrace_to_cache+quorvel+" + program;
+}
+
+bool TraceEnabled() {
+  return (atrace_get_enabled_tags() & ATRACE_TAG_HAL) != 0;
+}
+
+// A section that ends as soon as it begins; the tag may be switched off in between.
+void LeaveTraceMarker(const std::string& program) {
+  const std::string text = "quorvel_event_sync :pid=" + std::to_string(getpid()) +
+                           " currTime=" + std::to_string(time(nullptr)) + " module=" + program;
+  if (TraceEnabled()) atrace_begin_body(text.c_str());
+  if (TraceEnabled()) atrace_end_body();
+}
+
+}  // namespace
+
+void QuorvelEndLog() {
+  CloseLog();
+  if (!EventSwitchedOn()) return;
+  const char* name = getprogname();
+  if (name == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "get progname is nullptr\n");
+    return;
+  }
+  const std::string program = name;
+  LeaveTraceMarker(program);
+  dravik_send_event(kHangEvent, EventCommand(program).c_str(), EventMessage(program).c_str());
+}

@@ -1,0 +1,13 @@
+// The header of an incident: when it was written, which watch expired, on which build, in which
+// process.
+#ifndef QUORVEL_LOG_INCIDENT_HEADER_H_
+#define QUORVEL_LOG_INCIDENT_HEADER_H_
+
+// Prints the header through QuorvelPrintLine; the flush that follows brings it into the file.
+//   tid    thread that started the watch
+//   name   the watch's name; null leaves its line out
+//   start  wall-clock second of the start call
+// Monitor thread only, after QuorvelInitLog.
+void QuorvelInsertLogTitle(int tid, const char* name, long start);
+
+#endif  // QUORVEL_LOG_INCIDENT_HEADER_H_

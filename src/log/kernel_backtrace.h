@@ -1,0 +1,11 @@
+// The kernel stacks of an incident.
+#ifndef QUORVEL_LOG_KERNEL_BACKTRACE_H_
+#define QUORVEL_LOG_KERNEL_BACKTRACE_H_
+
+// Writes the kernel stack of every thread of the process into the incident log, one section and one
+// write a thread: tid first, then the others in ascending order, without the calling thread. The
+// stack of tid also goes to the Android log. The process is dumpable meanwhile. Monitor thread
+// only, between the callback and the user stacks.
+void QuorvelKernBacktrace(int tid);
+
+#endif  // QUORVEL_LOG_KERNEL_BACKTRACE_H_

@@ -1,0 +1,180 @@
+#include "unwind/unwindstack_wrapper.h"
+
+#include <android/log.h>
+#include <bounds_checked.h>
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <unwindstack/Maps.h>
+#include <unwindstack/Memory.h>
+#include <unwindstack/RegsGetLocal.h>
+
+#include <memory>
+
+#include "unwind/unwind_log.h"
+#include "unwind/unwindstack_wrapper_thread.h"
+
+namespace {
+
+using Entry = unwindstack_wrapper_thread;
+
+// The kernel's __SIGRTMIN + 1, which the platform keeps for backtraces.
+constexpr int kUnwindSignal = 33;
+
+// Held for the whole of every unwind, so that one handler at most is installed at a time.
+pthread_mutex_t unwind_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Runs on the target thread, which it has interrupted anywhere: inside the allocator, the loader or
+// stdio. Calls nothing that could wait for any of them.
+void unwindstack_wrapper_signal_handler(int, siginfo_t*, void* context) {
+  const int saved_errno = errno;
+  Entry* entry = Entry::get(getpid(), gettid(), false);
+  if (entry == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag, "%s: pid %d, tid %d entry not found\n",
+                        __func__, getpid(), gettid());
+    errno = saved_errno;
+    return;
+  }
+  entry->copy_context(context);
+  entry->wake();
+  if (entry->wait(kRendezvousStackRead)) {
+    entry->wake();
+  } else {
+    __android_log_print(ANDROID_LOG_WARN, kUnwindLogTag,
+                        "%s: Timed out waiting for unwind thread to indicate it completed.",
+                        __func__);
+  }
+  errno = saved_errno;
+}
+
+Entry* LockEntry(int pid, int tid) {
+  Entry* entry = Entry::get(pid, tid, true);
+  if (entry == nullptr) return nullptr;
+  pthread_mutex_lock(&entry->entry_mutex_);
+  entry->wait_value_ = kRendezvousIdle;
+  return entry;
+}
+
+bool InstallHandler(struct sigaction* old_action) {
+  struct sigaction action;
+  memset_s(&action, sizeof(action), 0, sizeof(action));
+  memset_s(old_action, sizeof(*old_action), 0, sizeof(*old_action));
+  action.sa_sigaction = unwindstack_wrapper_signal_handler;
+  action.sa_flags = SA_RESTART | SA_ONSTACK | SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  return sigaction(kUnwindSignal, &action, old_action) == 0;
+}
+
+void RestoreAction(const struct sigaction& old_action) {
+  sigaction(kUnwindSignal, &old_action, nullptr);
+}
+
+// After a handler that never came: the signal may still be on its way, and under the default
+// disposition it would end the process.
+void RestoreActionOrIgnore(const struct sigaction& old_action) {
+  if (old_action.sa_handler != SIG_DFL) {
+    RestoreAction(old_action);
+  } else {
+    signal(kUnwindSignal, SIG_IGN);
+  }
+}
+
+const char* ReasonOfSilence(int pid, int tid, const char* step) {
+  if (tgkill(pid, tid, 0) != 0 && errno == ESRCH) return "target thread does not exist";
+  __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag,
+                      "%s: Timed out waiting for signal handler to get ucontext data. %s", step,
+                      strerror(errno));
+  return "Timed out waiting for signal handler to get ucontext data";
+}
+
+// The registers are captured where this is inlined, which must be a frame that outlives the unwind.
+inline __attribute__((always_inline)) bool UnwindInPlace(unwindstack_wrapper* self) {
+  const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
+  unwindstack::RegsGetLocal(regs.get());
+  return self->_unwind_ucontext_with_reg(regs.get());
+}
+
+}  // namespace
+
+bool unwindstack_wrapper::unwind(int tid, ucontext* uc, int frame_limit) {
+  if (frame_limit < kMinFrames || frame_limit > kMaxFrames) return false;
+  max_frames = frame_limit;
+  pthread_mutex_lock(&unwind_mutex);
+  bool unwound;
+  if (uc != nullptr) {
+    unwound = _unwind_ucontext_locked(uc);
+  } else if (tid == gettid()) {
+    unwound = UnwindInPlace(this);
+  } else {
+    unwound = _unwind_locked(tid);
+  }
+  pthread_mutex_unlock(&unwind_mutex);
+  return unwound;
+}
+
+bool unwindstack_wrapper::_unwind_ucontext_current() {
+  return UnwindInPlace(this);
+}
+
+bool unwindstack_wrapper::_unwind_ucontext_locked(ucontext* uc) {
+  const std::unique_ptr<unwindstack::Regs> regs(
+      unwindstack::Regs::CreateFromUcontext(unwindstack::Regs::CurrentArch(), uc));
+  return _unwind_ucontext_with_reg(regs.get());
+}
+
+bool unwindstack_wrapper::_unwind_ucontext_with_reg(unwindstack::Regs* regs) {
+  unwindstack::LocalMaps maps;
+  const std::shared_ptr<unwindstack::Memory> memory = unwindstack::Memory::CreateProcessMemory(pid);
+  if (regs == nullptr) {
+    error = "Fail to get registers";
+    return false;
+  }
+  const unwindstack::ArchEnum arch = regs->Arch();
+  is_32bit = arch == unwindstack::ARCH_ARM || arch == unwindstack::ARCH_X86 ||
+             arch == unwindstack::ARCH_MIPS;
+  if (!maps.Parse()) {
+    error = "Fail to parse maps";
+    return false;
+  }
+  unwindstack::Unwinder unwinder(static_cast<size_t>(max_frames), &maps, regs, memory);
+  unwinder.Unwind();
+  frames = unwinder.frames();
+  num_frames = frames.size();
+  return true;
+}
+
+bool unwindstack_wrapper::_unwind_locked(int tid) {
+  Entry* entry = LockEntry(pid, tid);
+  if (entry == nullptr) return false;
+  bool unwound = false;
+  struct sigaction old_action;
+  if (!InstallHandler(&old_action)) {
+    __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag, "%s: sigaction failed: %s", __func__,
+                        strerror(errno));
+  } else if (tgkill(pid, tid, kUnwindSignal) != 0) {
+    __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag, "%s: cannot send signal %d to %d, %s",
+                        __func__, kUnwindSignal, tid, strerror(errno));
+    RestoreAction(old_action);
+  } else if (entry->wait(kRendezvousContextSaved)) {
+    RestoreAction(old_action);
+    unwound = _unwind_ucontext_locked(&entry->ucontext_);
+    entry->wake();
+    if (!entry->wait(kRendezvousLeaving)) {
+      __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag,
+                          "%s: Timed out waiting for signal handler to indicate it finished.",
+                          __func__);
+    }
+  } else {
+    RestoreActionOrIgnore(old_action);
+    error = ReasonOfSilence(pid, tid, __func__);
+  }
+  Entry::remove(entry);
+  return unwound;
+}
+
+void unwindstack_wrapper_reset_after_fork() {
+  unwind_mutex = PTHREAD_MUTEX_INITIALIZER;
+  Entry::list_mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  Entry::list_ = nullptr;
+}

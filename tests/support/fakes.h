@@ -1,0 +1,40 @@
+// Calls of the C library that the library under test makes, with a test's own behaviour in their
+// place. The test program is linked so that they come here; unset, they are the real ones.
+#ifndef QUORVEL_TESTS_SUPPORT_FAKES_H_
+#define QUORVEL_TESTS_SUPPORT_FAKES_H_
+
+#include <pthread.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <functional>
+
+struct Fakes {
+  std::function<time_t()> time;
+  std::function<timeval()> gettimeofday;
+  std::function<int(useconds_t)> usleep;
+  std::function<unsigned(unsigned)> sleep;
+  std::function<int(clockid_t, timespec*)> clock_gettime;
+  // Given the body of the new thread; its result is pthread_create's.
+  std::function<int(void* (*body)(void*))> pthread_create;
+  std::function<const char*()> getprogname;
+  // Called as the library is about to let go of a mutex, and then the real one is.
+  std::function<void()> pthread_mutex_unlock;
+};
+
+// Set only by the test, while no other thread is in the library.
+extern Fakes fakes;
+
+// Puts all of them back at the end of a test.
+struct ScopedFakes {
+  ~ScopedFakes() { fakes = Fakes(); }
+};
+
+// Whether fakes.pthread_mutex_unlock is called: not in a build with the thread sanitizer.
+bool UnlocksAreSeen();
+
+// Makes the watch calls ready with a pthread_create that succeeds and makes no thread, so that the
+// test steps the ticks. Nothing is armed, and the cursor is at slot 0.
+void ArmWithoutMonitor();
+
+#endif  // QUORVEL_TESTS_SUPPORT_FAKES_H_

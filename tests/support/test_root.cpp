@@ -1,0 +1,118 @@
+#include "support/test_root.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace fs = std::filesystem;
+
+namespace test_root {
+
+const char kLogDir[] = "/data/log/reliability/quorvel/";
+const char kVendorLogDir[] = "/data/vendor/log/reliability/quorvel/";
+const char kJournal[] = "/data/log/dravik/events.jsonl";
+
+std::string Path(const std::string& device_path) {
+  return getenv("QUORVEL_HOST_ROOT") + device_path;
+}
+
+static std::string PropertyPath(const std::string& name) {
+  return Path("/dev/__properties__/" + name);
+}
+
+void SetProperty(const std::string& name, const char* value) {
+  if (value == nullptr) {
+    fs::remove(PropertyPath(name));
+  } else {
+    WriteFile(PropertyPath(name), value);
+  }
+}
+
+std::string PropertyText(const std::string& name) {
+  return ReadFile(PropertyPath(name));
+}
+
+void MakeEmptyDir(const std::string& device_path) {
+  RemoveTree(device_path);
+  fs::create_directories(Path(device_path));
+}
+
+void RemoveTree(const std::string& device_path) {
+  std::string path = Path(device_path);
+  while (path.back() == '/') path.pop_back();
+  std::error_code ignored;
+  fs::remove_all(path, ignored);
+}
+
+std::vector<std::string> List(const std::string& device_path) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(Path(device_path))) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string ReadFile(const std::string& machine_path) {
+  std::ifstream in(machine_path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void WriteFile(const std::string& machine_path, const std::string& content) {
+  std::ofstream(machine_path, std::ios::binary) << content;
+}
+
+}  // namespace test_root
+
+// The library reads its root before main runs, so it has to be there earlier still: the process
+// makes the root, forks, and goes on as the child, while the parent waits to remove it. The C++
+// library is ready by then; the objects of this program are not.
+__attribute__((constructor(101))) static void EnterOwnRoot() {
+  if (getenv("QUORVEL_HOST_ROOT") != nullptr) return;
+  std::string root = fs::temp_directory_path() / "quorvel-test-XXXXXX";
+  if (mkdtemp(&root[0]) == nullptr) _exit((perror("mkdtemp"), 1));
+  setenv("QUORVEL_HOST_ROOT", root.c_str(), 1);
+  for (const char* dir : {test_root::kLogDir, test_root::kVendorLogDir, "/data/log/dravik/",
+                          "/dev/__properties__/", "/sys/kernel/tracing/"}) {
+    fs::create_directories(root + dir);
+  }
+  const pid_t child = fork();
+  if (child == 0) return;
+  int status = 1;
+  waitpid(child, &status, 0);
+  fs::remove_all(root);
+  if (WIFSIGNALED(status)) fprintf(stderr, "tests ended by signal %d\n", WTERMSIG(status));
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
+}
+
+// The sanitizer's own background thread has none of the state that instrumented code needs, and it
+// takes the unwinder's signal like any other thread of the process: it has to go. It comes with the
+// first thread of the process, and only then.
+static void StopSanitizersThread() {
+#if defined(__SANITIZE_THREAD__)
+  std::thread([] {}).join();
+  __sanitizer_sandbox_arguments nothing_to_keep = {};
+  __sanitizer_sandbox_on_notify(&nothing_to_keep);
+#endif
+}
+
+int main(int argc, char** argv) {
+  StopSanitizersThread();
+  testing::InitGoogleTest(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  if (testing::UnitTest::GetInstance()->test_to_run_count() > 0) return result;
+  fprintf(stderr, "no test has this name\n");
+  return 1;
+}

@@ -1,0 +1,38 @@
+// Every test process has a device root of its own, made before anything else and removed when the
+// process has ended. A QUORVEL_HOST_ROOT that is set already is used, and kept.
+#ifndef QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
+#define QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
+
+#include <string>
+#include <vector>
+
+namespace test_root {
+
+// The device path as a path of this machine.
+std::string Path(const std::string& device_path);
+
+extern const char kLogDir[];        // "/data/log/reliability/quorvel/"
+extern const char kVendorLogDir[];  // "/data/vendor/log/reliability/quorvel/"
+extern const char kJournal[];       // "/data/log/dravik/events.jsonl"
+
+// Sets or, with null, unsets a system property, read-only ones too.
+void SetProperty(const std::string& name, const char* value);
+
+// The value of a property as it stands in the store; empty when unset.
+std::string PropertyText(const std::string& name);
+
+// Makes a directory of the device and all above it, or empties it.
+void MakeEmptyDir(const std::string& device_path);
+
+// Removes whatever stands at a device path.
+void RemoveTree(const std::string& device_path);
+
+// Names in a directory, in byte order, but for "." and "..".
+std::vector<std::string> List(const std::string& device_path);
+
+std::string ReadFile(const std::string& machine_path);
+void WriteFile(const std::string& machine_path, const std::string& content);
+
+}  // namespace test_root
+
+#endif  // QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
