@@ -17,7 +17,8 @@ namespace unwindstack {
 namespace {
 
 // Where the direct call is refused (emulators, sandboxes): what a pipe takes from an address it
-// also gives back, and an unreadable address is an error of the write.
+// also gives back, and an unreadable address is an error of the write. The kernel is called directly:
+// the thread whose memory this is may write it meanwhile, which sanitizers would report.
 bool ReadThroughPipe(uint64_t addr, void* out, size_t size) {
   constexpr size_t kPiece = 4096;  // a pipe holds at least this much
   int fds[2];
@@ -25,7 +26,7 @@ bool ReadThroughPipe(uint64_t addr, void* out, size_t size) {
   size_t done = 0;
   while (done < size) {
     size_t piece = std::min(kPiece - (addr + done) % kPiece, size - done);
-    ssize_t put = write(fds[1], reinterpret_cast<const void*>(addr + done), piece);
+    const long put = syscall(SYS_write, fds[1], addr + done, piece, 0UL, 0UL, 0UL);
     if (put <= 0) break;
     if (read(fds[0], static_cast<char*>(out) + done, static_cast<size_t>(put)) != put) break;
     done += static_cast<size_t>(put);
