@@ -5,6 +5,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "log/log_tag.h"
 #include "log/proctid.h"
@@ -28,14 +29,18 @@ void DumpBacktraceTid(int tid, int fd) {
     android::base::WriteStringToFd(line, fd);
     return;
   }
-  const std::string header = "\ntid = " + std::to_string(tid) + "\n";
-  Echo(header);
-  android::base::WriteStringToFd(header, fd);
+  std::string section = "\ntid = " + std::to_string(tid) + "\n";
+  Echo(section);
+  std::vector<std::string> lines;
+  lines.reserve(unwinder.frames.size());
   for (size_t i = 0; i < unwinder.frames.size(); ++i) {
-    const std::string frame = unwinder.frame_string(i);
-    android::base::WriteStringToFd(frame + "\n", fd);
-    Echo(frame);
+    lines.push_back(unwinder.frame_string(i));
+    section += lines.back();
+    section += '\n';
   }
+  // In one write, and before the log, which may be slow.
+  android::base::WriteStringToFd(section, fd);
+  for (const std::string& line : lines) Echo(line);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <linux/futex.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -49,18 +50,42 @@ void ForgetIds() {
 // cancellation, which the device does not have, whatever the thread's cancel state says: a thread
 // that is being cancelled would wait in the unwinder's handler, for ever, for a signal that is held
 // back there. The deadline is of the monotonic clock.
-uint32_t* TurnOf(pthread_cond_t* condition) {
-  return reinterpret_cast<uint32_t*>(condition);
+struct Condition {
+  std::atomic<uint32_t> turn;
+  std::atomic<uint32_t> sleepers;
+};
+static_assert(sizeof(Condition) <= sizeof(pthread_cond_t) &&
+              std::atomic<uint32_t>::is_always_lock_free);
+
+Condition* StateOf(pthread_cond_t* condition) {
+  return reinterpret_cast<Condition*>(condition);
+}
+
+// Whether the turn comes within the time that sleeping and being woken would take. The yields let
+// the other side run where it waits for this very processor.
+bool TurnComesSoon(const Condition& condition, uint32_t turn) {
+  constexpr int kYields = 200;
+  for (int i = 0; i < kYields; ++i) {
+    if (condition.turn.load(std::memory_order_acquire) != turn) return true;
+    sched_yield();
+  }
+  return false;
 }
 
 int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
                 const struct timespec* deadline) {
   const int saved_errno = errno;
-  const uint32_t turn = __atomic_load_n(TurnOf(condition), __ATOMIC_ACQUIRE);
+  Condition* const state = StateOf(condition);
+  const uint32_t turn = state->turn.load(std::memory_order_acquire);
   pthread_mutex_unlock(mutex);
-  const long result = syscall(SYS_futex, TurnOf(condition), FUTEX_WAIT_BITSET_PRIVATE, turn,
-                              deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
-  const bool timed_out = result == -1 && errno == ETIMEDOUT;
+  bool timed_out = false;
+  if (deadline == nullptr || !TurnComesSoon(*state, turn)) {
+    state->sleepers.fetch_add(1);
+    const long result = syscall(SYS_futex, &state->turn, FUTEX_WAIT_BITSET_PRIVATE, turn, deadline,
+                                nullptr, FUTEX_BITSET_MATCH_ANY);
+    timed_out = result == -1 && errno == ETIMEDOUT;
+    state->sleepers.fetch_sub(1);
+  }
   pthread_mutex_lock(mutex);
   errno = saved_errno;
   return timed_out ? ETIMEDOUT : 0;
@@ -88,8 +113,9 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
 
 int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
   const int saved_errno = errno;
-  __atomic_fetch_add(TurnOf(condition), 1, __ATOMIC_RELEASE);
-  syscall(SYS_futex, TurnOf(condition), FUTEX_WAKE_PRIVATE, 1);
+  Condition* const state = StateOf(condition);
+  state->turn.fetch_add(1);
+  if (state->sleepers.load() != 0) syscall(SYS_futex, &state->turn, FUTEX_WAKE_PRIVATE, 1);
   errno = saved_errno;
   return 0;
 }

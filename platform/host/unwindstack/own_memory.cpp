@@ -68,18 +68,12 @@ void PageCache::SetStable(uint64_t start, uint64_t end, uint64_t content) {
   stable_stamp_ = content << 1 | 1;
 }
 
-const PageCache::Page* PageCache::Fetch(uint64_t page_addr) {
-  if (pages_ == nullptr) return nullptr;
-  bool stable = page_addr >= stable_start_ && page_addr < stable_end_;
-  uint64_t stamp = stable ? stable_stamp_ : unwind_count_ << 1;
-  Page& page = pages_[(page_addr / kPageSize * 0x9E3779B97F4A7C15) >> 56];
-  static_assert(kPages == 256, "the hash gives eight bits");
-  if (page.addr == page_addr && page.stamp == stamp) return &page;
-  page.stamp = 0;
-  if (!ReadOwnMemory(page_addr, page.data, kPageSize)) return nullptr;
-  page.addr = page_addr;
-  page.stamp = stamp;
-  return &page;
+bool PageCache::Fill(Page* page, uint64_t page_addr, uint64_t stamp) {
+  page->stamp = 0;
+  if (!ReadOwnMemory(page_addr, page->data, kPageSize)) return false;
+  page->addr = page_addr;
+  page->stamp = stamp;
+  return true;
 }
 
 bool PageCache::Read(uint64_t addr, void* out, size_t size) {

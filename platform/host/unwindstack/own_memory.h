@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 namespace unwindstack {
 
@@ -25,9 +26,15 @@ class PageCache {
 
   bool Read(uint64_t addr, void* out, size_t size);
 
+  // Made for the unwinding library, which reads its tables byte by byte.
   template <typename T>
   bool Load(uint64_t addr, T* value) {
-    return Read(addr, value, sizeof(T));
+    const uint64_t at = addr % kPageSize;
+    if (at + sizeof(T) > kPageSize) return Read(addr, value, sizeof(T));
+    const Page* page = Fetch(addr - at);
+    if (page == nullptr) return false;
+    memcpy(value, page->data + at, sizeof(T));
+    return true;
   }
 
  private:
@@ -40,7 +47,17 @@ class PageCache {
     unsigned char data[kPageSize];
   };
 
-  const Page* Fetch(uint64_t page_addr);
+  const Page* Fetch(uint64_t page_addr) {
+    if (pages_ == nullptr) return nullptr;
+    const bool stable = page_addr >= stable_start_ && page_addr < stable_end_;
+    const uint64_t stamp = stable ? stable_stamp_ : unwind_count_ << 1;
+    Page* const page = &pages_[(page_addr / kPageSize * 0x9E3779B97F4A7C15) >> 56];
+    static_assert(kPages == 256, "the hash gives eight bits");
+    return (page->addr == page_addr && page->stamp == stamp) || Fill(page, page_addr, stamp)
+               ? page
+               : nullptr;
+  }
+  bool Fill(Page* page, uint64_t page_addr, uint64_t stamp);
 
   Page* pages_ = nullptr;
   uint64_t unwind_count_ = 0;
