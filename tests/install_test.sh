@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The installed library as another project meets it: its header, its symbols, pkg-config, CMake.
-# What it builds is what the whole-process tests run.
+# The installed library as another project meets it: its header, its symbols, pkg-config, CMake, and
+# a service that hangs under a watch.
 #
 #   install_test.sh SOURCE BUILD STAGE NM CC CXX C_FLAGS CXX_FLAGS LINK_FLAGS [TOOLCHAIN EMULATOR...]
 #
@@ -13,32 +13,52 @@ emulator=("${@:11}")
 rm -rf "$stage"
 cmake --install "$build" --prefix "$stage/usr" >/dev/null
 mv "$stage/usr" "$stage/moved"  # an installed tree may be moved
-prefix=$stage/moved
-library=$prefix/lib/libquorvel.so
+prefix=$stage/moved library=$stage/moved/lib/libquorvel.so
 
-echo "-- exactly the listed symbols are exported"
+echo "-- exactly the listed symbols are exported, under the name that programs load"
 diff "$source/tests/exported_symbols.txt" <("$nm" -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
-
-echo "-- the name under which programs load it"
 readelf -d "$library" | grep -q 'SONAME.*\[libquorvel.so\]'
 
+echo "-- C99 and C++11 by pkg-config, find_package"
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig  # flags are lists of words below
 strict="-Wall -Wextra -Wpedantic -Werror"
-flags="$(pkg-config --cflags --libs quorvel) -Wl,-rpath,$prefix/lib $link_flags"
-echo "-- C99 and C++11 by pkg-config"
+flags="$(pkg-config --cflags --libs quorvel) $link_flags -pthread"
 # shellcheck disable=SC2086
-"$cc" -std=c99 $strict $c_flags "$source/tests/outside/header_check.c" $flags -o "$stage/check_c"
+"$cc" -std=c99 $strict $c_flags "$source/examples/hang_service.c" $flags -o "$stage/service"
 # shellcheck disable=SC2086
-"$cxx" -x c++ -std=c++11 $strict $cxx_flags "$source/tests/outside/header_check.c" -x none $flags \
-  -o "$stage/check_cxx"
-
-echo "-- find_package"
+"$cxx" -x c++ -std=c++11 $strict $cxx_flags - $flags -o "$stage/idle" <<<'
+#include <quorvel/watch.hpp>
+int main() { return quorvel::Watch("", 1, 0).armed(); }'
 cmake -G Ninja -S "$source/tests/outside" -B "$stage/outside" -Dquorvel_DIR="$prefix/lib/cmake/quorvel" \
   ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} -DCMAKE_C_COMPILER="$cc" \
-  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_FLAGS="$c_flags" -DCMAKE_CXX_FLAGS="$cxx_flags" >/dev/null
+  -DCMAKE_C_FLAGS="$c_flags" >/dev/null
 cmake --build "$stage/outside" >/dev/null
 
-echo "-- they run"
-for program in check_c check_cxx; do
-  QUORVEL_HOST_ROOT=$stage "${emulator[@]}" "$stage/$program"
-done
+echo "-- a vendor program that hangs leaves its reason and is ended, within the recovery limit"
+[[ $c_flags != *=thread* ]] || exit 0  # the sanitizer's own thread must not meet the unwinder's signal
+export QUORVEL_HOST_ROOT=$stage/root
+data=$QUORVEL_HOST_ROOT/data properties=$QUORVEL_HOST_ROOT/dev/__properties__
+mkdir -p "$QUORVEL_HOST_ROOT"/vendor/bin "$data"/{,vendor/}log/{dravik,reliability/quorvel} "$properties"
+echo 1 >"$properties/dravik.event.12.config"
+cp "$stage/outside/service" "$QUORVEL_HOST_ROOT/vendor/bin"
+exec 9>"$stage/contended"
+flock 9
+serve() {
+  exec "${emulator[@]}" "$QUORVEL_HOST_ROOT/vendor/bin/service" serve "$stage/contended" --recovery \
+    2>"$stage/log" 9>&-
+}
+trap 'cat "$stage/log"' ERR
+code=0
+(serve) || code=$?
+[[ $code == 1 ]]
+grep -q ' E QUORVEL : exit process from quorvel$' "$stage/log"
+incident=$(ls "$data"/vendor/log/reliability/quorvel/quorvel@?????????????.log)
+grep -q '^timeout function: reload-configuration$' "$incident"
+grep -q '^  #.*(lock_configuration+' "$incident"
+grep -qF "Z=copy_systrace_to_cache+quorvel+service\",\"message\":\"service,$incident\"" "$data/log/dravik/events.jsonl"
+record=$(ls "$properties"/odm.quorvel.rec.*)
+grep -qx '1,[0-9]*' "$record"
+echo "5,$(date +%s)" >"$record"
+serve &
+until grep -qs ' E QUORVEL : Skip exit, because it has recovery more than 5 times$' "$stage/log"; do sleep 0.1; done
+kill $!  # it runs on

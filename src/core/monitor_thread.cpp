@@ -10,14 +10,53 @@ namespace {
 
 constexpr uint32_t kQuietTicksBeforeWait = 3;
 
-struct alignas(64) WakeState {
+// Where an idle monitor sleeps. The lock is the condition's alone.
+struct WakeCondition {
   pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-  int32_t waiting = 0;
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  bool signalled = false;
 };
 
-WakeState g_wake;
-alignas(64) std::atomic<bool> g_vendor{false};
+WakeCondition g_wake;
+std::atomic<bool> g_vendor{false};
+
+struct WakeLock : QuorvelShortLockGuard {
+  WakeLock() : QuorvelShortLockGuard(&g_registry.wake_lock) {}
+};
+
+void AwaitSignal() {
+  pthread_mutex_lock(&g_wake.lock);
+  while (!g_wake.signalled) pthread_cond_wait(&g_wake.condition, &g_wake.lock);
+  g_wake.signalled = false;
+  pthread_mutex_unlock(&g_wake.lock);
+}
+
+// One that comes after another has woken the monitor already stays, and ends its next wait at once:
+// it ticks three times more.
+void Signal() {
+  pthread_mutex_lock(&g_wake.lock);
+  g_wake.signalled = true;
+  pthread_cond_signal(&g_wake.condition);
+  pthread_mutex_unlock(&g_wake.lock);
+}
+
+// Sets the waiting flag, unless a start has come since the last tick.
+bool BeginToWait(const QuorvelMonitor& monitor) {
+  WakeLock lock;
+  if (QuorvelStartedCount() != monitor.started_snapshot) return false;
+  g_registry.waiting = 1;
+  return true;
+}
+
+void EndToWait() {
+  WakeLock lock;
+  g_registry.waiting = 0;
+}
+
+bool MonitorWaits() {
+  WakeLock lock;
+  return g_registry.waiting != 0;
+}
 
 // A sleep that a signal cuts short is made up once; a tick never takes more than two.
 void SleepOneTick() {
@@ -50,7 +89,7 @@ bool QuorvelMonitorPass(QuorvelMonitor* monitor) {
 void QuorvelCollectExpired(QuorvelMonitor* monitor) {
   memset_s(monitor->batch, sizeof(monitor->batch), 0, sizeof(monitor->batch));
   monitor->count = 0;
-  RegistryLock lock;
+  RegistryLock lock(QuorvelShortLock::kMicroseconds);
   while (QuorvelNode* node = QuorvelFirstExpired()) {
     QuorvelUnlinkNode(node);
     monitor->batch[monitor->count++] = CopyOf(*node);
@@ -69,20 +108,15 @@ bool QuorvelCountIdleTick(QuorvelMonitor* monitor) {
 }
 
 void QuorvelWaitForStart(QuorvelMonitor* monitor) {
-  pthread_mutex_lock(&g_wake.lock);
-  if (QuorvelStartedCount() == monitor->started_snapshot) {
-    g_wake.waiting = 1;
-    pthread_cond_wait(&g_wake.condition, &g_wake.lock);
-    g_wake.waiting = 0;
+  if (BeginToWait(*monitor)) {
+    AwaitSignal();
+    EndToWait();
   }
-  pthread_mutex_unlock(&g_wake.lock);
   monitor->idle_ticks = 0;
 }
 
 void QuorvelWakeMonitor() {
-  pthread_mutex_lock(&g_wake.lock);
-  if (g_wake.waiting != 0) pthread_cond_signal(&g_wake.condition);
-  pthread_mutex_unlock(&g_wake.lock);
+  if (MonitorWaits()) Signal();
 }
 
 void QuorvelSetVendor(bool is_vendor) {
@@ -90,8 +124,6 @@ void QuorvelSetVendor(bool is_vendor) {
 }
 
 void QuorvelResetMonitorAfterFork() {
-  g_wake.lock = PTHREAD_MUTEX_INITIALIZER;
-  g_wake.waiting = 0;
-  g_wake.condition = PTHREAD_COND_INITIALIZER;
+  g_wake = WakeCondition();
   QuorvelResetResponseAfterFork();
 }

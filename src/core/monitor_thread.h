@@ -9,8 +9,8 @@
 //     started + 1                             take the wake lock
 //     take the wake lock                      started as recorded at the last tick?
 //     waiting? then signal                      no:  let go, tick on
-//     let go                                    yes: waiting = 1, wait (lets go meanwhile)
-//                                                    waiting = 0, let go, tick on
+//     let go                                    yes: waiting = 1, let go, wait for the signal
+//                                                    waiting = 0 under the lock, tick on
 //
 // A start that counts before the comparison keeps the monitor ticking; one that counts after it
 // finds the flag set. The registry lock and the wake lock are never held together.

@@ -13,6 +13,8 @@ void QuorvelBuildRegistry() {
 }
 
 void QuorvelResetRegistryAfterFork() {
-  g_registry.lock = PTHREAD_MUTEX_INITIALIZER;
+  g_registry.lock.LetGo();
+  g_registry.wake_lock.LetGo();
+  g_registry.waiting = 0;
   g_registry.ended.store(g_registry.started.load());
 }

@@ -8,12 +8,13 @@
 #ifndef QUORVEL_CORE_WATCH_REGISTRY_H_
 #define QUORVEL_CORE_WATCH_REGISTRY_H_
 
-#include <pthread.h>
 #include <quorvel/quorvel.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "core/short_lock.h"
 
 constexpr int32_t kPoolSize = 128;
 constexpr int32_t kWheelSlots = 64;
@@ -38,28 +39,28 @@ struct QuorvelNode {
   QuorvelLink link;
 };
 
-// The registry's state. Client threads write the lock, the counters and the pool at once: each has
-// cache lines of its own, so that a thread that only counts does not slow one inside the lock. Only
-// the functions of this room touch it; it stands here so that a start and an end need no call for
-// each step.
+// The registry's state. What every start and end writes lies on one cache line, so that a thread
+// that comes to it fetches no more than that from another processor. Only the functions of this
+// room touch it, and the wake-up those of the monitor's; it stands here so that a start and an end
+// need no call for each step.
 struct QuorvelRegistry {
-  alignas(64) pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  alignas(64) QuorvelShortLock lock;
+  QuorvelShortLock wake_lock;  // guards waiting; see monitor_thread.h
+  int32_t waiting = 0;
   int32_t cursor = 0;
+  std::atomic<uint32_t> started{0};
+  std::atomic<uint32_t> ended{0};
   QuorvelLink free_list = {&free_list, &free_list};
   alignas(64) QuorvelLink wheel[kWheelSlots] = {};
   alignas(64) QuorvelNode pool[kPoolSize] = {};
-  alignas(64) std::atomic<uint32_t> started{0};
-  alignas(64) std::atomic<uint32_t> ended{0};
 };
+static_assert(offsetof(QuorvelRegistry, wheel) == 64, "one cache line");
 extern QuorvelRegistry g_registry;
 
 // Holds the registry lock for its scope.
-class RegistryLock {
- public:
-  RegistryLock() { pthread_mutex_lock(&g_registry.lock); }
-  ~RegistryLock() { pthread_mutex_unlock(&g_registry.lock); }
-  RegistryLock(const RegistryLock&) = delete;
-  RegistryLock& operator=(const RegistryLock&) = delete;
+struct RegistryLock : QuorvelShortLockGuard {
+  explicit RegistryLock(QuorvelShortLock::Hold hold = QuorvelShortLock::kInstructions)
+      : QuorvelShortLockGuard(&g_registry.lock, hold) {}
 };
 
 // The circular lists. A head that points to itself is an empty list.

@@ -3,17 +3,15 @@
 #define QUORVEL_TESTS_SUPPORT_EMULATED_H_
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 // Whether an emulator runs this program: the call is one that it does not know.
 inline bool Emulated() {
-  char byte = 0;
-  char copy;
-  iovec from = {&byte, 1};
-  iovec to = {&copy, 1};
-  return syscall(SYS_process_vm_readv, getpid(), &to, 1UL, &from, 1UL, 0UL) != 1;
+  char bytes[2] = {};
+  const iovec from = {&bytes[0], 1};
+  const iovec to = {&bytes[1], 1};
+  return process_vm_readv(getpid(), &to, 1, &from, 1, 0) != 1;
 }
 
 #define SKIP_UNDER_EMULATION(reason) \

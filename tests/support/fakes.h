@@ -3,7 +3,6 @@
 #ifndef QUORVEL_TESTS_SUPPORT_FAKES_H_
 #define QUORVEL_TESTS_SUPPORT_FAKES_H_
 
-#include <pthread.h>
 #include <sys/time.h>
 #include <time.h>
 
@@ -18,8 +17,7 @@ struct Fakes {
   // Given the body of the new thread; its result is pthread_create's.
   std::function<int(void* (*body)(void*))> pthread_create;
   std::function<const char*()> getprogname;
-  // Called as the library is about to let go of a mutex, and then the real one is.
-  std::function<void()> pthread_mutex_unlock;
+  std::function<void()> wake_monitor;  // before the library's own
 };
 
 // Set only by the test, while no other thread is in the library.
@@ -29,12 +27,5 @@ extern Fakes fakes;
 struct ScopedFakes {
   ~ScopedFakes() { fakes = Fakes(); }
 };
-
-// Whether fakes.pthread_mutex_unlock is called: not in a build with the thread sanitizer.
-bool UnlocksAreSeen();
-
-// Makes the watch calls ready with a pthread_create that succeeds and makes no thread, so that the
-// test steps the ticks. Nothing is armed, and the cursor is at slot 0.
-void ArmWithoutMonitor();
 
 #endif  // QUORVEL_TESTS_SUPPORT_FAKES_H_

@@ -1,11 +1,11 @@
-// Receives the Android log of this process while it lives, in place of stderr.
-//
-// Messages may come from any thread and from signal handlers: they are kept in a fixed array.
+// Receives the Android log of this process while it lives, in place of stderr: at most 4096
+// messages, from any thread and from signal handlers.
 #ifndef QUORVEL_TESTS_SUPPORT_LOG_CAPTURE_H_
 #define QUORVEL_TESTS_SUPPORT_LOG_CAPTURE_H_
 
 #include <android/log.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,7 +19,9 @@ struct LogLine {
     return priority == other.priority && tag == other.tag && text == other.text;
   }
 };
-std::ostream& operator<<(std::ostream& out, const LogLine& line);
+inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+  return out << line.priority << ' ' << line.tag << ": " << line.text;
+}
 
 // As the core and the incident log write them.
 inline LogLine Error(std::string text) {
@@ -28,23 +30,16 @@ inline LogLine Error(std::string text) {
 inline LogLine Warning(std::string text) {
   return {ANDROID_LOG_WARN, "QUORVEL", std::move(text), ""};
 }
-inline LogLine Info(std::string text) {
-  return {ANDROID_LOG_INFO, "QUORVEL", std::move(text), ""};
-}
 
 class LogCapture {
  public:
   LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
+  ~LogCapture() { __android_log_set_logger(nullptr); }
 
-  // Everything logged since construction or the last Clear, in order. At most 4096 messages.
-  std::vector<LogLine> Lines() const;
-  std::vector<LogLine> Lines(int priority) const;
+  // What was logged since construction or the last Clear, in order; of one priority, if given.
+  std::vector<LogLine> Lines(int priority = -1) const;
   // Whether some message holds this text.
   bool Has(const std::string& text) const;
-  int Count(const std::string& text) const;
   void Clear();
 };
 

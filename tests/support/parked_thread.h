@@ -13,10 +13,8 @@
 
 class ParkedThread {
  public:
-  using Body = std::function<void(const std::atomic<bool>& stop)>;
-
-  explicit ParkedThread(Body body)
-      : thread_([this, body = std::move(body)] {
+  explicit ParkedThread(std::function<void(const std::atomic<bool>& stop)> body)
+      : thread_([this, body] {
           tid_ = static_cast<int>(syscall(SYS_gettid));
           body(stop_);
         }) {
@@ -31,7 +29,6 @@ class ParkedThread {
     // A joined thread may still be on its way out of the kernel's list.
     while (syscall(SYS_tgkill, getpid(), tid_.load(), 0) == 0) usleep(1000);
   }
-
   int tid() const { return tid_; }
 
  private:

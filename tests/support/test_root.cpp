@@ -6,10 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <thread>
 
 #if defined(__SANITIZE_THREAD__)
@@ -20,28 +18,17 @@ namespace fs = std::filesystem;
 
 namespace test_root {
 
-const char kLogDir[] = "/data/log/reliability/quorvel/";
-const char kVendorLogDir[] = "/data/vendor/log/reliability/quorvel/";
-const char kJournal[] = "/data/log/dravik/events.jsonl";
-
 std::string Path(const std::string& device_path) {
   return getenv("QUORVEL_HOST_ROOT") + device_path;
 }
 
-static std::string PropertyPath(const std::string& name) {
-  return Path("/dev/__properties__/" + name);
-}
-
 void SetProperty(const std::string& name, const char* value) {
-  if (value == nullptr) {
-    fs::remove(PropertyPath(name));
-  } else {
-    WriteFile(PropertyPath(name), value);
-  }
+  RemoveTree("/dev/__properties__/" + name);
+  if (value != nullptr) WriteFile(Path("/dev/__properties__/" + name), value);
 }
 
 std::string PropertyText(const std::string& name) {
-  return ReadFile(PropertyPath(name));
+  return ReadFile(Path("/dev/__properties__/" + name));
 }
 
 void MakeEmptyDir(const std::string& device_path) {
@@ -97,19 +84,14 @@ __attribute__((constructor(101))) static void EnterOwnRoot() {
   _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
 }
 
-// The sanitizer's own background thread has none of the state that instrumented code needs, and it
-// takes the unwinder's signal like any other thread of the process: it has to go. It comes with the
-// first thread of the process, and only then.
-static void StopSanitizersThread() {
+int main(int argc, char** argv) {
 #if defined(__SANITIZE_THREAD__)
+  // The sanitizer's own thread takes the unwinder's signal like any other, without the state that
+  // instrumented code needs: it has to go. It comes with the first thread of the process.
   std::thread([] {}).join();
   __sanitizer_sandbox_arguments nothing_to_keep = {};
   __sanitizer_sandbox_on_notify(&nothing_to_keep);
 #endif
-}
-
-int main(int argc, char** argv) {
-  StopSanitizersThread();
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();
   if (testing::UnitTest::GetInstance()->test_to_run_count() > 0) return result;

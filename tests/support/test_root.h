@@ -8,23 +8,19 @@
 
 namespace test_root {
 
+inline constexpr char kLogDir[] = "/data/log/reliability/quorvel/";
+inline constexpr char kVendorLogDir[] = "/data/vendor/log/reliability/quorvel/";
+inline constexpr char kJournal[] = "/data/log/dravik/events.jsonl";
+
 // The device path as a path of this machine.
 std::string Path(const std::string& device_path);
 
-extern const char kLogDir[];        // "/data/log/reliability/quorvel/"
-extern const char kVendorLogDir[];  // "/data/vendor/log/reliability/quorvel/"
-extern const char kJournal[];       // "/data/log/dravik/events.jsonl"
-
-// Sets or, with null, unsets a system property, read-only ones too.
+// Sets or, with null, unsets a system property, read-only ones too; its value, empty when unset.
 void SetProperty(const std::string& name, const char* value);
-
-// The value of a property as it stands in the store; empty when unset.
 std::string PropertyText(const std::string& name);
 
-// Makes a directory of the device and all above it, or empties it.
+// Makes a directory of the device and all above it, or empties it; removes whatever stands there.
 void MakeEmptyDir(const std::string& device_path);
-
-// Removes whatever stands at a device path.
 void RemoveTree(const std::string& device_path);
 
 // Names in a directory, in byte order, but for "." and "..".

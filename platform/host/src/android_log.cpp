@@ -16,6 +16,8 @@
 #include <algorithm>
 #include <atomic>
 
+#include "local_time.h"
+
 namespace {
 
 constexpr size_t kTextSize = 8192;
@@ -50,44 +52,6 @@ void GiveBack(Slot* slot) {
   }
 }
 
-// Seconds east of UTC. Asked once at load: the C library's conversion takes a lock and may
-// allocate.
-const long g_utc_offset = [] {
-  const time_t now = time(nullptr);
-  struct tm local = {};
-  return localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0L;
-}();
-
-struct LocalTime {
-  int month;
-  int day;
-  int hour;
-  int minute;
-  int second;
-  int millisecond;
-};
-
-// Calendar date of a day counted from 1970-01-01, in eras of 400 years that begin in March.
-LocalTime LocalNow() {
-  struct timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  constexpr long kDay = 86400;
-  const long seconds = now.tv_sec + g_utc_offset;
-  const long second_of_day = ((seconds % kDay) + kDay) % kDay;
-  const long days = (seconds - second_of_day) / kDay + 719468;
-  const long day_of_era = ((days % 146097) + 146097) % 146097;
-  const long year_of_era =
-      (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  const long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-  const long month = (5 * day_of_year + 2) / 153;
-  return {static_cast<int>(month < 10 ? month + 3 : month - 9),
-          static_cast<int>(day_of_year - (153 * month + 2) / 5 + 1),
-          static_cast<int>(second_of_day / 3600),
-          static_cast<int>(second_of_day / 60 % 60),
-          static_cast<int>(second_of_day % 60),
-          static_cast<int>(now.tv_nsec / 1000000)};
-}
-
 char LetterOf(int priority) {
   constexpr char kLetters[] = "??VDIWEF";
   return priority >= 0 && priority <= ANDROID_LOG_FATAL ? kLetters[priority] : '?';
@@ -116,13 +80,16 @@ char* AppendText(char* out, const char* text, size_t min_length, size_t max_leng
 
 // As in "11-22 19:10:00.123  1234  1240 E QUORVEL : "; returns its length.
 size_t FormatPrefix(const __android_log_message& message, char (&prefix)[kPrefixSize]) {
-  const LocalTime now = LocalNow();
+  struct timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const struct tm local = LocalTimeAt(now.tv_sec);
+  const int milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
   const struct {
     int value;
     int width;
     char separator;
-  } numbers[] = {{now.month, 2, '-'},  {now.day, 2, ' '},    {now.hour, 2, ':'},
-                 {now.minute, 2, ':'}, {now.second, 2, '.'}, {now.millisecond, 3, ' '}};
+  } numbers[] = {{local.tm_mon + 1, 2, '-'}, {local.tm_mday, 2, ' '}, {local.tm_hour, 2, ':'},
+                 {local.tm_min, 2, ':'},     {local.tm_sec, 2, '.'},  {milliseconds, 3, ' '}};
   char* out = prefix;
   for (const auto& number : numbers) {
     out = AppendNumber(out, number.value, number.width, '0');

@@ -201,6 +201,11 @@ bool IsLibcs(Handler handler) {
   return address >= g_libc_code.start && address < g_libc_code.end;
 }
 
+void LetUnwindSignalThrough(void*) {
+  constexpr uint64_t kUnwindSet = SetOf(kUnwindSignal);
+  syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &kUnwindSet, nullptr, kKernelSetSize);
+}
+
 // A device has no thread cancellation. Here it would unwind a thread out of the library's handler,
 // with that one's locks held and, for good, the signal blocked: a later setuid would wait for ever.
 // The action's mask holds the C library's signal for it back; what is asked for meanwhile comes
@@ -212,15 +217,11 @@ void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* 
   handler(signal_number, info, context);
   pthread_setcancelstate(state, nullptr);
   if (type == PTHREAD_CANCEL_DEFERRED) return;
-  // The thread may be in any blocking call, which makes it asynchronous for that long. Only for one
-  // that is about to end is the signal let through: another would see a next exchange in here.
-  uint64_t pending = 0;
-  syscall(SYS_rt_sigpending, &pending, kKernelSetSize);
-  if ((pending & SetOf(kCancelSignal)) != 0) {
-    constexpr uint64_t kUnwindSet = SetOf(kUnwindSignal);
-    syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &kUnwindSet, nullptr, kKernelSetSize);
-  }
+  // The thread may be in any blocking call, which makes it asynchronous for that long. One that was
+  // cancelled meanwhile goes to its end from here, and its last handlers may hang as well.
+  pthread_cleanup_push(LetUnwindSignalThrough, nullptr);
   pthread_setcanceltype(type, nullptr);  // may not return
+  pthread_cleanup_pop(0);
 }
 
 void Dispatch(int signal_number, siginfo_t* info, void* context) {

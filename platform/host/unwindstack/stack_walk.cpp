@@ -43,7 +43,8 @@ unw_addr_space_t StackWalk::CreateAddressSpace() {
 
 int StackWalk::FindProcInfo(unw_addr_space_t space, unw_word_t pc, unw_proc_info_t* info, int need,
                             void* self) {
-  const FrameEntry& entry = static_cast<StackWalk*>(self)->entry_;
+  auto* walk = static_cast<StackWalk*>(self);
+  const FrameEntry& entry = walk->entry_;
   if (pc < entry.start || pc >= entry.end) return -UNW_EINVAL;  // ENOINFO would have it guess
   unw_dyn_info_t table = {};
   table.format = UNW_INFO_FORMAT_REMOTE_TABLE;
@@ -53,7 +54,8 @@ int StackWalk::FindProcInfo(unw_addr_space_t space, unw_word_t pc, unw_proc_info
   table.u.rti.table_data = entry.entry;
   table.u.rti.table_len = 1;  // words, so one entry
   int result = UNW_OBJ(dwarf_search_unwind_table)(space, pc, &table, info, need, self);
-  return result == -UNW_ENOINFO ? -UNW_EINVAL : result;
+  walk->beyond_entry_ = result == -UNW_ENOINFO;
+  return walk->beyond_entry_ ? -UNW_EINVAL : result;
 }
 
 void StackWalk::PutUnwindInfo(unw_addr_space_t, unw_proc_info_t*, void*) {}
@@ -109,7 +111,7 @@ void StackWalk::Run(unw_addr_space_t space, const Regs& regs, Maps* maps, size_t
 
 // Looks at the current pc: the code that holds it, null if none does, and how to go on from there.
 const StackWalk::Code* StackWalk::Inspect() {
-  has_entry_ = trampoline_ = false;
+  has_entry_ = beyond_entry_ = trampoline_ = false;
   const Code* code = FindCode(LookupPc());
   // Only a trampoline is returned to without a call before it.
   bool uncalled = code == nullptr && kind_ == kReturn;
@@ -122,7 +124,7 @@ const StackWalk::Code* StackWalk::Inspect() {
     has_entry_ = FindFrameEntry(*module, LookupPc(), &memory_, &entry_);
   }
   bool signal_frame = has_entry_ && entry_.signal_frame;
-  trampoline_ = (!has_entry_ || signal_frame) && AtTrampoline();
+  trampoline_ = AtTrampoline() && (!has_entry_ || signal_frame || !EntryCovers(LookupPc()));
   if (trampoline_ || signal_frame) kind_ = kExact;
   return uncalled && !trampoline_ ? nullptr : code;
 }
@@ -179,7 +181,8 @@ void StackWalk::Restart(PcKind kind) {
 bool StackWalk::Step(const Code* code) {
   if (code == nullptr) return StepFromNowhere();
   if (trampoline_) return StepOverSignal();
-  return has_entry_ ? StepByTable() : StepByFramePointer();
+  if (has_entry_ && StepByTable()) return true;
+  return (!has_entry_ || beyond_entry_) && StepByFramePointer();
 }
 
 // The pc leads nowhere, as after a call through a null pointer: its caller is where that call
@@ -193,6 +196,13 @@ bool StackWalk::StepFromNowhere() {
 #endif
   Restart(kReturn);
   return true;
+}
+
+// Whether the current frame's table entry is of `pc`. The table itself does not say where one ends.
+bool StackWalk::EntryCovers(uint64_t pc) {
+  unw_proc_info_t info;
+  reads_left_ = kReadsPerStep;
+  return space_ != nullptr && FindProcInfo(space_, pc, &info, 0, this) == 0;
 }
 
 bool StackWalk::AtTrampoline() {

@@ -61,6 +61,7 @@ class StackWalk {
   const Code* FindCode(uint64_t pc);
   const Code* Inspect();
   bool AtTrampoline();
+  bool EntryCovers(uint64_t pc);
   FrameData MakeFrame(size_t number, const Code* code) const;
 
   // Each moves to the calling frame; false at the end of the stack.
@@ -80,8 +81,9 @@ class StackWalk {
   bool cursor_valid_ = false;         // the cursor stands at the current frame
   uint64_t regs_[Regs::kCount] = {};  // of the current frame; with a valid cursor only pc and sp
   PcKind kind_ = kExact;
-  bool has_entry_ = false;   // of the current frame:
-  bool trampoline_ = false;  // the return from a signal handler
+  bool has_entry_ = false;     // of the current frame: the table has one at or before the pc,
+  bool beyond_entry_ = false;  // which turned out to end before it
+  bool trampoline_ = false;    // the return from a signal handler
   FrameEntry entry_ = {};
   unsigned reads_left_ = 0;
 
