@@ -1,284 +1,511 @@
+// The unwinder: the rendezvous with a thread; its frames against what a debugger and the code
+// itself say, and against stacks and files that lie; their text.
 #include "unwind/unwindstack_wrapper.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <ucontext.h>
+#include <link.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <setjmp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 
-#include <cinttypes>
+#include <sstream>
 
+#include "support/emulated.h"
+#include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
+#include "support/test_root.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 
-// Set once a thread has come to the end of the functions below.
-static std::atomic<bool> g_arrived{false};
-
-static void Arrive(const std::atomic<bool>& stop) {
-  g_arrived = true;
-  while (!stop) usleep(1000);
+static std::atomic<long> heap_calls;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;  // and with an allocator that cannot be replaced
+#else
+constexpr bool kSanitized = false;
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* malloc(size_t size) {
+  ++heap_calls;
+  return __libc_malloc(size);
 }
+#endif
 
-static void AwaitArrival() {
-  while (!g_arrived.exchange(false)) usleep(1000);
-}
-
-// Known by name in the stacks below; plain C names, so that they need no demangling.
-extern "C" {
-
-__attribute__((noinline)) void quorvel_test_inner(const std::atomic<bool>* stop) {
-  Arrive(*stop);
-  asm volatile("");  // no tail call
-}
-
-__attribute__((noinline)) void quorvel_test_outer(const std::atomic<bool>* stop) {
-  quorvel_test_inner(stop);
-  asm volatile("");  // no tail call
-}
-
-__attribute__((noinline)) int quorvel_test_recurse(int depth, const std::atomic<bool>* stop) {
-  if (depth == 0) {
-    Arrive(*stop);
-    return 0;
-  }
-  int below = quorvel_test_recurse(depth - 1, stop);
-  asm volatile("" : "+r"(below));  // a real call, not a loop
-  return below + 1;
-}
-
-}  // extern "C"
+#define PLAIN_FUNCTION __attribute__((noinline, no_sanitize("address", "undefined", "thread")))
 
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
 using Entry = unwindstack_wrapper_thread;
+using Frames = std::vector<unwindstack::FrameData>;
+using PluginCall = int (*)(void (*callback)(void*), void* arg);
 
-constexpr char kTimedOut[] = "Timed out waiting for signal handler to get ucontext data";
-
-std::vector<std::string> Names(const unwindstack_wrapper& unwinder) {
-  std::vector<std::string> names;
-  for (const auto& frame : unwinder.frames) names.push_back(frame.function_name.c_str());
-  return names;
+Frames Unwind() {
+  unwindstack_wrapper unwinder;
+  EXPECT_TRUE(unwinder.unwind(gettid(), nullptr, 64)) << unwinder.error;
+  return unwinder.frames;
 }
 
-std::string Text(unwindstack_wrapper& unwinder) {
-  std::string text;
-  for (size_t i = 0; i < unwinder.num_frames; ++i) text += unwinder.frame_string(i) + "\n";
-  return text;
+// The frames of this thread below a call through that code.
+Frames UnwindThrough(PluginCall call) {
+  Frames frames;
+  call([](void* out) { *static_cast<Frames*>(out) = Unwind(); }, &frames);
+  return frames;
 }
 
-void NoHandler(int, siginfo_t*, void*) {}
+std::string Name(const Frames& frames, size_t i) {
+  return i < frames.size() ? frames[i].function_name.c_str() : "(none)";
+}
+
+// The index of the first frame of such a function; the number of frames when there is none.
+size_t Find(const Frames& frames, const char* name) {
+  size_t i = 0;
+  while (i < frames.size() && Name(frames, i).find(name) == std::string::npos) ++i;
+  return i;
+}
+
+// Loads a copy of `from`, which takes the place of a file as an installer has it.
+void* Install(const char* from, const std::string& file) {
+  unlink(file.c_str());
+  test_root::WriteFile(file, test_root::ReadFile(from));
+  return dlopen(file.c_str(), RTLD_NOW);
+}
+
+std::atomic<bool> g_arrived;
+const std::atomic<bool>* g_stop;
+jmp_buf g_back;
+unwindstack_wrapper* g_unwinder;
+
+// Plain C names, so that they need no demangling.
+extern "C" {
+__attribute__((noinline)) void unwind_test_leaf(void*) {
+  g_arrived = true;
+  while (!*g_stop) poll(nullptr, 0, 500);
+}
+__attribute__((noinline)) int unwind_test_recurse(int depth, PluginCall* call) {
+  if (depth > 0) return unwind_test_recurse(depth - 1, call) + 1;
+  const auto in_loader = [](dl_phdr_info*, size_t, void* plugin) {
+    return (*static_cast<PluginCall*>(plugin))(unwind_test_leaf, nullptr);
+  };
+  return dl_iterate_phdr(in_loader, call);
+}
+[[noreturn]] __attribute__((noinline)) void unwind_test_never_returns() {
+  g_unwinder->unwind(gettid(), nullptr, 64);  // has its memory already, as a handler needs it
+  siglongjmp(g_back, 1);
+}
+PLAIN_FUNCTION void unwind_test_tail() {
+  unwind_test_never_returns();
+}
+PLAIN_FUNCTION void unwind_test_trap() {
+  __builtin_trap();
+}
+// Its canonical frame address is an expression that jumps back to its own start.
+PLAIN_FUNCTION void unwind_test_endless() {
+  asm volatile(".cfi_escape 0x0f, 0x03, 0x2f, 0xfd, 0xff");
+}
+}
 
 class UnwindstackWrapper : public testing::Test {
  protected:
+  UnwindstackWrapper() { g_arrived = false; }
+  static Entry* Create(int tid) {
+    Entry* entry = Entry::get(100, tid, true);
+    pthread_mutex_lock(&entry->entry_mutex_);
+    return entry;
+  }
+  static LogLine Line(const std::string& text) {
+    return {ANDROID_LOG_ERROR, "unwindstack_wrapper", text, ""};
+  }
+
   LogCapture log_;
+  ScopedFakes restore_;
+  unwindstack_wrapper unwinder_;
+  const Frames& frames_ = unwinder_.frames;
 };
+using UnwindstackWrapperTimeout = UnwindstackWrapper;
 
-TEST_F(UnwindstackWrapper, AnotherThreadWithItsFunctionsInOrder) {
-  ParkedThread thread([](const auto& stop) { quorvel_test_outer(&stop); });
-  AwaitArrival();
-  unwindstack_wrapper unwinder;
-  ASSERT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64)) << unwinder.error;
-  const std::vector<std::string> names = Names(unwinder);
-  const auto inner = std::find(names.begin(), names.end(), "quorvel_test_inner");
-  ASSERT_LT(inner + 1, names.end());
-  EXPECT_EQ(*(inner + 1), "quorvel_test_outer");
-  EXPECT_EQ(unwinder.num_frames, unwinder.frames.size());
-  EXPECT_FALSE(unwinder.is_32bit);
-  EXPECT_THAT(log_.Lines(), IsEmpty());
-  // A second exchange meets the entry that the first handler left, and steps from 0 again.
-  ASSERT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64));
-  EXPECT_THAT(Names(unwinder), Contains("quorvel_test_outer")) << Text(unwinder);
-}
-
-TEST_F(UnwindstackWrapper, TheCallingThreadWithoutASignalAndFromUnwindItself) {
-  struct sigaction refuse = {};
-  struct sigaction old = {};
-  refuse.sa_handler = [](int) { abort(); };
-  ASSERT_EQ(sigaction(33, &refuse, &old), 0);
-  unwindstack_wrapper unwinder;
-  ASSERT_TRUE(unwinder.unwind(gettid(), nullptr, 64));
-  sigaction(33, &old, nullptr);
-  ASSERT_GE(unwinder.num_frames, 2u);
-  EXPECT_STREQ(unwinder.frames[0].function_name.c_str(),
-               "_ZN19unwindstack_wrapper6unwindEiP10ucontext_ti");
-  EXPECT_THAT(unwinder.frames[1].function_name.c_str(), HasSubstr("TheCallingThreadWithout"));
-  ASSERT_TRUE(unwinder._unwind_ucontext_current());
-  EXPECT_STREQ(unwinder.frames[0].function_name.c_str(),
-               "_ZN19unwindstack_wrapper24_unwind_ucontext_currentEv");
-}
-
-TEST_F(UnwindstackWrapper, AGivenContextWinsOverTheThreadId) {
+TEST_F(UnwindstackWrapper, TheCallingThreadWithoutASignalAndOneThatIsGone) {
+  ParkedThread gone([](const auto&) {});
+  gone.Stop();
+  struct sigaction mine = {}, old, seen;
+  mine.sa_handler = [](int) { abort(); };
+  ASSERT_EQ(sigaction(33, &mine, &old), 0);
+  EXPECT_TRUE(unwinder_.unwind(gettid(), nullptr, 64));
+  EXPECT_EQ(Name(frames_, 0), "_ZN19unwindstack_wrapper6unwindEiP10ucontext_ti");
+  EXPECT_THAT(Name(frames_, 1), HasSubstr("TheCallingThreadWithout"));
   ucontext_t here;
   getcontext(&here);
-  unwindstack_wrapper unwinder;
-  ASSERT_TRUE(unwinder.unwind(-1, &here, 64));
-  EXPECT_THAT(unwinder.frames[0].function_name.c_str(), HasSubstr("AGivenContextWins"));
-}
-
-TEST_F(UnwindstackWrapper, FrameLimits) {
-  ParkedThread thread([](const auto& stop) { quorvel_test_recurse(200, &stop); });
-  AwaitArrival();
-  unwindstack_wrapper unwinder;
-  for (const int limit : {1, 0, -1, 65, 1000}) {
-    EXPECT_FALSE(unwinder.unwind(thread.tid(), nullptr, limit)) << limit;
-    EXPECT_EQ(unwinder.max_frames, 64);
-  }
-  for (const int limit : {2, 63, 64}) {
-    ASSERT_TRUE(unwinder.unwind(thread.tid(), nullptr, limit)) << limit;
-    EXPECT_EQ(unwinder.num_frames, static_cast<size_t>(limit));
-    EXPECT_EQ(unwinder.frames.size(), unwinder.num_frames);
-  }
-  EXPECT_EQ(unwinder.error, "");
-}
-
-TEST_F(UnwindstackWrapper, AThreadThatIsGone) {
-  ParkedThread thread([](const auto&) {});
-  thread.Stop();
-  struct sigaction mine = {};
-  struct sigaction old = {};
-  mine.sa_sigaction = NoHandler;
-  mine.sa_flags = SA_SIGINFO;
-  ASSERT_EQ(sigaction(33, &mine, &old), 0);
+  EXPECT_TRUE(unwinder_.unwind(-1, &here, 64));
+  EXPECT_THAT(Name(frames_, 0), HasSubstr("TheCallingThreadWithout"));
   Entry* const list = Entry::list_;
-  unwindstack_wrapper unwinder;
-  EXPECT_FALSE(unwinder.unwind(thread.tid(), nullptr, 64));
-  EXPECT_EQ(unwinder.error, "");
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(LogLine{ANDROID_LOG_ERROR, "unwindstack_wrapper",
-                                  "_unwind_locked: cannot send signal 33 to " +
-                                      std::to_string(thread.tid()) + ", No such process",
-                                  ""}));
+  EXPECT_FALSE(unwinder_.unwind(gone.tid(), nullptr, 64));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Line("_unwind_locked: cannot send signal 33 to " +
+                                             std::to_string(gone.tid()) + ", No such process")));
   EXPECT_EQ(Entry::list_, list) << "an entry that no handler found goes at once";
-  struct sigaction seen = {};
   sigaction(33, &old, &seen);
-  EXPECT_EQ(seen.sa_sigaction, NoHandler);
+  EXPECT_EQ(seen.sa_handler, mine.sa_handler);
 }
 
-TEST_F(UnwindstackWrapper, FailuresKeepTheFramesOfTheLastSuccess) {
-  ParkedThread thread([](const auto& stop) { quorvel_test_outer(&stop); });
-  AwaitArrival();
-  unwindstack_wrapper unwinder;
-  ASSERT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64));
-  const std::vector<std::string> names = Names(unwinder);
-  EXPECT_FALSE(unwinder._unwind_ucontext_with_reg(nullptr));
-  EXPECT_EQ(unwinder.error, "Fail to get registers");
-  EXPECT_EQ(Names(unwinder), names);
-  EXPECT_EQ(unwinder.frame_string(unwinder.num_frames), "");
-  EXPECT_NE(unwinder.frame_string(0), "");
-}
-
-TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurns) {
-  ParkedThread thread([](const auto& stop) { quorvel_test_outer(&stop); });
-  const auto unwind_often = [&] {
-    for (int i = 0; i < 50; ++i) {
-      unwindstack_wrapper unwinder;
-      EXPECT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64)) << unwinder.error;
-    }
-  };
-  std::thread other(unwind_often);
-  unwind_often();
-  other.join();
-}
-
-TEST_F(UnwindstackWrapper, TheInterruptedThreadNoticesNothing) {
+TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurnsAndTheInterruptedThreadNoticesNothing) {
   std::atomic<int> wrong{0};
-  ParkedThread thread([&](const auto& stop) {
-    int ends[2];
-    if (pipe(ends) != 0) return;
-    char byte;
-    while (!stop) {
+  struct sigaction before, after;
+  sigaction(33, nullptr, &before);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ParkedThread thread([&](const auto&) {
+    sigset_t mask = {}, now = {};
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    for (ssize_t count = 1; count != 0;) {
+      char byte;
       errno = 4711;
       for (volatile int spin = 0; spin < 20000;) spin = spin + 1;
-      if (errno != 4711) ++wrong;
-      if (write(ends[1], "x", 1) != 1 || read(ends[0], &byte, 1) != 1) ++wrong;
+      count = read(ends[0], &byte, 1);
+      if (count < 0 || errno != 4711) ++wrong;
+      pthread_sigmask(SIG_BLOCK, nullptr, &now);
+      if (memcmp(&mask, &now, sizeof(mask)) != 0) ++wrong;
     }
-    close(ends[0]);
-    close(ends[1]);
   });
-  for (int i = 0; i < 200; ++i) {
-    unwindstack_wrapper unwinder;
-    EXPECT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64)) << unwinder.error;
-  }
+  const auto unwind_often = [&](int tid) {
+    for (int i = 0; i < 300; ++i) {
+      unwindstack_wrapper unwinder;
+      EXPECT_TRUE(unwinder.unwind(tid, nullptr, 64)) << unwinder.error;
+      EXPECT_EQ(write(ends[1], "x", 1), 1);
+    }
+  };
+  ParkedThread quiet([](const auto& stop) {
+    while (!stop) usleep(1000);
+  });
+  ParkedThread other([&](const auto&) { unwind_often(quiet.tid()); });
+  unwind_often(thread.tid());
+  other.Stop();
+  close(ends[1]);
+  thread.Stop();
+  close(ends[0]);
   EXPECT_EQ(wrong, 0);
+  sigaction(33, nullptr, &after);
+  EXPECT_EQ(after.sa_handler, before.sa_handler);
+}
+
+TEST_F(UnwindstackWrapper, OneEntryAPairWithAReferenceAGetAndTheListWholeAfterARemoval) {
+  Entry* const rest = Entry::list_;
+  Entry *const first = Create(1), *const middle = Create(2), *const last = Create(3);
+  EXPECT_EQ(Entry::get(100, 2, true), middle);
+  EXPECT_EQ(Entry::get(101, 2, false), nullptr);
+  EXPECT_EQ(middle->ref_count_, 2);
+  Entry::remove(middle);
+  EXPECT_EQ(pthread_mutex_trylock(&middle->entry_mutex_), 0) << "still locked";
+  EXPECT_EQ(last->next_, middle);
+  Entry::remove(middle);
+  EXPECT_EQ(last->next_, first);
+  EXPECT_EQ(first->prev_, last);
+  Entry::remove(last);
+  EXPECT_EQ(Entry::list_, first);
+  EXPECT_EQ(first->prev_, nullptr);
+  Entry::remove(first);
+  EXPECT_EQ(Entry::list_, rest);
+}
+
+TEST_F(UnwindstackWrapper, WaitIsForOneValueUntilOneDeadline) {
+  fakes.clock_gettime = [](clockid_t clock, timespec* now) {
+    EXPECT_EQ(clock, CLOCK_MONOTONIC);
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    now->tv_sec -= 4;  // one second is left to wait
+    return static_cast<int>(result);
+  };
+  Entry* entry = Create(1);
+  EXPECT_TRUE(entry->wait(0));
+  entry->wake();
+  EXPECT_TRUE(entry->wait(1));
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+  ParkedThread waker([&](const auto& stop) {
+    for (; !stop; usleep(10000)) entry->wake();
+  });
+  EXPECT_FALSE(entry->wait(1)) << "the counter has gone past";  // no wake extends the deadline
+  waker.Stop();
+  EXPECT_THAT(log_.Lines(), ElementsAre(Line("pthread_cond_timedwait for value 1 failed: "
+                                             "Connection timed out\n")));
+  // Of what the kernel gives the handler only the machine context is there in full.
+  ucontext_t context, expected = entry->ucontext_;
+  memset(&context, 0x5a, sizeof(context));
+  expected.uc_mcontext = context.uc_mcontext;
+  entry->copy_context(&context);
+  EXPECT_EQ(memcmp(&entry->ucontext_, &expected, sizeof(expected)), 0);
+  Entry::remove(entry);
 }
 
 // The unwinder gives up after five seconds; the signal is still on its way and finds nobody.
-TEST(UnwindstackWrapperTimeout, AThreadThatBlocksTheSignal) {
-  LogCapture log;
-  std::atomic<bool> unblock{false};
-  std::atomic<bool> unblocked{false};
+TEST_F(UnwindstackWrapperTimeout, AThreadThatBlocksTheSignal) {
+  std::atomic<bool> blocked{false}, unblock{false};
   ParkedThread thread([&](const auto& stop) {
     BlockUnwindSignal(true);
-    while (!unblock) usleep(1000);
+    for (blocked = true; !unblock;) usleep(1000);
     BlockUnwindSignal(false);
-    unblocked = true;
-    while (!stop) usleep(1000);
+    for (blocked = false; !stop;) usleep(1000);
   });
-  usleep(20000);
-  unwindstack_wrapper unwinder;
-  EXPECT_FALSE(unwinder.unwind(thread.tid(), nullptr, 64));
-  EXPECT_EQ(unwinder.error, kTimedOut);
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(testing::Field(&LogLine::text, HasSubstr("for value 1 failed: ")),
-                          testing::Field(&LogLine::text,
-                                         HasSubstr(std::string("_unwind_locked: ") + kTimedOut))));
-  struct sigaction now = {};
+  while (!blocked) usleep(1000);
+  EXPECT_FALSE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_EQ(unwinder_.error, "Timed out waiting for signal handler to get ucontext data");
+  EXPECT_EQ(log_.Lines().size(), 2u);
+  EXPECT_TRUE(log_.Has("_unwind_locked: " + unwinder_.error + ". "));
+  struct sigaction now;
   sigaction(33, nullptr, &now);
   EXPECT_EQ(now.sa_handler, SIG_IGN);
-  unblock = true;
-  while (!unblocked) usleep(1000);
-  EXPECT_TRUE(unwinder.unwind(thread.tid(), nullptr, 64)) << "the thread answers again";
-  // The C library needs the same signal for this, on every thread.
-  EXPECT_EQ(setgid(getgid()), 0);
+  for (unblock = true; blocked;) usleep(1000);
+  EXPECT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64)) << "the thread answers again";
 }
 
-TEST(UnwindstackWrapperTimeout, AThreadThatGoesAfterTheSignalWasSent) {
-  LogCapture log;
+TEST_F(UnwindstackWrapperTimeout, AThreadThatGoesAfterTheSignalWasSent) {
+  std::atomic<bool> blocked{false};
   ParkedThread thread([&](const auto&) {
     BlockUnwindSignal(true);
+    blocked = true;
     sleep(2);
   });
-  usleep(20000);
-  unwindstack_wrapper unwinder;
-  EXPECT_FALSE(unwinder.unwind(thread.tid(), nullptr, 64));
-  EXPECT_EQ(unwinder.error, "target thread does not exist");
-  EXPECT_THAT(log.Lines(), SizeIs(1));
+  while (!blocked) usleep(1000);
+  EXPECT_FALSE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_EQ(unwinder_.error, "target thread does not exist");
 }
 
-// A frame record of the platform's library, and the line it makes.
-TEST(UnwindstackWrapperText, FramesAsText) {
-  unwindstack_wrapper unwinder;
-  EXPECT_EQ(unwinder.frame_string(0), "");
-  unwindstack::FrameData frame = {};
-  const auto line = [&](bool is_32bit = false) {
-    unwinder.frames = {frame};
-    unwinder.num_frames = 1;
-    unwinder.is_32bit = is_32bit;
-    return unwinder.frame_string(0);
+constexpr char kDebuggersFrames[] = R"(
+for thread in gdb.selected_inferior().threads():
+    if thread.ptid[1] == tid:
+        thread.switch()
+frame = gdb.newest_frame()
+while frame:
+    if frame.type() != gdb.INLINE_FRAME:
+        print('FRAME', frame.pc(), str(frame.name()).split('::')[-1])
+    frame = frame.older()
+)";
+
+TEST_F(UnwindstackWrapper, AThreadInTheLoaderWithoutItsLocksOrTheHeapAsTheDebuggerSeesIt) {
+  void* const library = Install(UNWIND_PLUGIN_A, test_root::Path("/plugin.so"));  // a new one
+  auto call = reinterpret_cast<PluginCall>(dlsym(library, "plugin_call_a"));
+  std::atomic<bool> go{false};
+  ParkedThread thread([&](const auto& stop) {
+    g_stop = &stop;
+    while (!go) usleep(1000);
+    unwind_test_recurse(64, &call);
+  });
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));  // makes what stays for the thread
+  EXPECT_GT(heap_calls, kSanitized ? -1 : 0);
+  go = true;
+  while (!g_arrived) usleep(1000);
+  usleep(20000);  // until it sleeps
+  for (const int limit : {2, 63, 64, 1, 65, -1}) {
+    const bool possible = limit >= 2 && limit <= 64;
+    const long before = heap_calls;
+    ASSERT_EQ(unwinder_.unwind(thread.tid(), nullptr, limit), possible) << unwinder_.error;
+    EXPECT_EQ(heap_calls, before);
+    EXPECT_EQ(frames_.size(), static_cast<size_t>(possible ? limit : 64));
+    EXPECT_EQ(unwinder_.num_frames, frames_.size());
+    EXPECT_EQ(Entry::list_->wait_value_, 3) << "steps from 0 again";
+  }
+  EXPECT_LT(Find(frames_, "plugin_call_a"), Find(frames_, "dl_iterate_phdr"));
+  EXPECT_EQ(Name(frames_, 63), "unwind_test_recurse");
+  EXPECT_EQ(unwinder_.frame_string(64), "");
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+  EXPECT_FALSE(unwinder_._unwind_ucontext_with_reg(nullptr));
+  EXPECT_EQ(unwinder_.error, "Fail to get registers");
+
+  if (Emulated() || system("gdb --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no debugger";
+  const std::string script = test_root::Path("/frames.py"), output = test_root::Path("/frames.txt");
+  test_root::WriteFile(script, kDebuggersFrames);
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const std::string command = "gdb -nx -batch -p " + std::to_string(getpid()) +
+                              " -ex 'python tid = " + std::to_string(thread.tid()) + "' -x " +
+                              script + " >" + output + " 2>&1";
+  ASSERT_EQ(system(command.c_str()), 0);
+  std::istringstream words(test_root::ReadFile(output));
+  SCOPED_TRACE(words.str());
+  size_t i = 0;
+  for (std::string word, name; words >> word && i < frames_.size();) {
+    uint64_t pc;
+    if (word != "FRAME" || !(words >> pc >> name)) continue;
+    EXPECT_EQ(frames_[i].pc, pc);
+    const std::string own = Name(frames_, i);
+    const bool in_libc = strstr(frames_[i].map_name.c_str(), "libc") != nullptr;
+    EXPECT_TRUE(own == name || own == "" || own.compare(0, 2, "_Z") == 0 || in_libc) << own;
+    ++i;
+  }
+  EXPECT_EQ(i, 64u);
+}
+
+TEST_F(UnwindstackWrapper, FunctionAtItsFirstAndAtItsLastInstructionHasItsOwnName) {
+  g_unwinder = &unwinder_;
+  for (const int signal_number : {SIGILL, SIGTRAP}) {
+    signal(signal_number, [](int) { unwind_test_never_returns(); });
+  }
+  if (sigsetjmp(g_back, 1) == 0) unwind_test_trap();
+  for (const int signal_number : {SIGILL, SIGTRAP}) signal(signal_number, SIG_DFL);
+  const size_t trap = Find(frames_, "unwind_test_trap");
+  EXPECT_THAT(Name(frames_, trap + 1), HasSubstr("AtItsFirstAndAtItsLast"));
+  EXPECT_EQ(frames_.at(trap).function_offset, 0u);
+
+  if (sigsetjmp(g_back, 1) == 0) unwind_test_tail();
+  const size_t callee = Find(frames_, "unwind_test_never_returns");
+  EXPECT_EQ(Name(frames_, callee + 1), "unwind_test_tail");
+  EXPECT_THAT(Name(frames_, callee + 2), HasSubstr("AtItsFirstAndAtItsLast"));
+}
+
+TEST_F(UnwindstackWrapper, GeneratedCodeIsPassedByItsFramePointer) {
+  // A function of PluginCall's type that keeps a frame pointer.
+#if defined(__x86_64__)
+  const unsigned char code[] = {0x55, 0x48, 0x89, 0xe5, 0x48, 0x89, 0xf8,
+                                0x48, 0x89, 0xf7, 0xff, 0xd0, 0x5d, 0xc3};
+#else
+  const uint32_t code[] = {0xa9bf7bfd, 0x910003fd, 0xaa0003e2, 0xaa0103e0,
+                           0xd63f0040, 0xa8c17bfd, 0xd65f03c0};
+#endif
+  void* page = mmap(nullptr, sizeof(code), PROT_READ | PROT_WRITE | PROT_EXEC,
+                    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  memcpy(page, code, sizeof(code));
+  __builtin___clear_cache(static_cast<char*>(page), static_cast<char*>(page) + sizeof(code));
+  const Frames frames = UnwindThrough(reinterpret_cast<PluginCall>(page));
+  size_t at = 0;
+  while (at < frames.size() && frames[at].map_start != reinterpret_cast<uint64_t>(page)) ++at;
+  ASSERT_LT(at, frames.size());
+  EXPECT_LT(frames[at].rel_pc, sizeof(code));
+  EXPECT_TRUE(frames[at].map_name.empty() && frames[at].function_name.empty());
+  EXPECT_THAT(Name(frames, at + 1), HasSubstr("UnwindThrough"));
+  munmap(page, sizeof(code));
+}
+
+// Has the kernel refuse what old or confined ones do: single questions about mappings, and reads
+// of one's own memory by that call.
+bool RefuseNewCalls() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
+  sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(UnwindstackWrapper, LibraryIsNamedFromItsOwnFileOrFromMemory) {
+  const std::string file = test_root::Path("/plug\nin.so"), shown = file + " (deleted)";
+  void* library = Install(UNWIND_PLUGIN_A, file);
+  void* call = dlsym(library, "plugin_call_a");
+  const Frames frames = UnwindThrough(reinterpret_cast<PluginCall>(call));
+  const size_t at = Find(frames, "plugin_call_a");
+  ASSERT_LT(at, frames.size());
+  EXPECT_EQ(Name(frames, at - 1), "") << "a name for code that has none";
+  EXPECT_STREQ(frames[at].map_name.c_str(), test_root::Path("/plug\\012in.so").c_str());
+  EXPECT_EQ(frames[at].pc - frames[at].function_offset, reinterpret_cast<uint64_t>(call));
+  EXPECT_EQ(frames[at].pc - frames[at].rel_pc, static_cast<link_map*>(library)->l_addr);
+
+  // What the linker adds to every library has no tables: the way up leads through it all the same.
+  static Frames unloading;
+  const auto at_exit = reinterpret_cast<int (*)(void (*)())>(dlsym(library, "plugin_at_exit"));
+  ASSERT_EQ(at_exit([] { unloading = Unwind(); }), 0);
+  dlclose(library);
+  EXPECT_LT(Find(unloading, "dlclose") + 1, unloading.size());
+  call = dlsym(Install(UNWIND_PLUGIN_B, file), "plugin_call_b");  // most often in the same place
+  const auto all = [call] {
+    std::string text;
+    for (const auto& frame : UnwindThrough(reinterpret_cast<PluginCall>(call))) {
+      text = text + frame.map_name.c_str() + ": " + frame.function_name.c_str() + "\n";
+    }
+    return text;
+  };
+  EXPECT_THAT(all(), HasSubstr("plugin_call_b"));
+  if (Emulated()) return;
+  // The name now leads to another file than the one that is mapped, and so does the one that the
+  // list shows; then both lead to none. Without privileges only memory is left to read.
+  test_root::WriteFile(shown, test_root::ReadFile(UNWIND_PLUGIN_A));
+  ASSERT_EQ(rename(shown.c_str(), file.c_str()) + link(file.c_str(), shown.c_str()), 0);
+  constexpr char kDeleted[] = " (deleted): plugin_call_b\n";
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THAT(all(), HasSubstr(kDeleted));
+    const pid_t child = fork();
+    if (child == 0) {
+      const bool confined = (getuid() != 0 || setuid(65534) == 0) && RefuseNewCalls();
+      _exit(confined && all().find(kDeleted) != std::string::npos ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    unlink(file.c_str());
+    unlink(shown.c_str());
+  }
+}
+
+TEST_F(UnwindstackWrapper, BrokenContextShowsNoGarbageAndTheCallerWhereItCan) {
+  const size_t page = static_cast<size_t>(getpagesize());
+  auto* stack = static_cast<char*>(
+      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_EQ(mprotect(stack + page, page, PROT_NONE), 0);
+  const auto end = reinterpret_cast<uint64_t>(stack + page);
+  const auto in_code = reinterpret_cast<uint64_t>(&unwind_test_leaf) + 8;
+  const auto in_endless = reinterpret_cast<uint64_t>(&unwind_test_endless);
+  const auto in_data = reinterpret_cast<uint64_t>(&g_back);
+  void* const vdso = dlopen("linux-vdso.so.1", RTLD_NOW | RTLD_NOLOAD);
+  const auto in_vdso = reinterpret_cast<uint64_t>(dlsym(vdso, "__vdso_clock_gettime"));
+  using unwindstack::Regs;
+  constexpr char kLeaf[] = "unwind_test_leaf";
+  const struct {
+    const char* what;
+    uint64_t pc, sp, returns_to;
+    const char *first, *second;
+  } rows[] = {
+      {"call through null", 0, end - 64, in_code, "", kLeaf},
+      {"call into data", in_data, end - 64, in_code, "", kLeaf},
+      {"call to the top", UINT64_MAX, end - 64, in_code, "", kLeaf},
+      {"call of the vdso", in_vdso, end - 64, in_code, vdso ? "__vdso_clock_gettime" : "", kLeaf},
+      {"nothing to return to", 0, end - 64, 0, "", "(none)"},
+      {"data to return to", 1, end - 64, in_data, "", "(none)"},
+      {"stack at its end", 0, end - 4, 0, "", "(none)"},
+      {"no stack", in_code, end, 0, kLeaf, "(none)"},
+      {"stack at the top", in_code, UINT64_MAX - 3, 0, kLeaf, "(none)"},
+      {"stack not there", in_code, 8, 0, kLeaf, "(none)"},
+      {"table without an end", in_endless, end - 64, 0, "unwind_test_endless", "(none)"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    memcpy(stack + page - 64, &row.returns_to, sizeof(row.returns_to));
+    const std::unique_ptr<Regs> regs(Regs::CreateFromLocal());
+    auto* const values = static_cast<uint64_t*>(regs->RawData());
+    values[Regs::kSp] = row.sp;
+    values[Regs::kPc] = row.pc;
+#if !defined(__x86_64__)
+    values[Regs::kLr] = row.returns_to;
+#endif
+    ASSERT_TRUE(unwinder_._unwind_ucontext_with_reg(regs.get()));
+    EXPECT_EQ(frames_.at(0).pc, row.pc);
+    EXPECT_EQ(Name(frames_, 0), row.first);
+    EXPECT_EQ(Name(frames_, 1), row.second);
+    EXPECT_LE(frames_.size(), 3u);
+  }
+  munmap(stack, 2 * page);
+}
+
+TEST_F(UnwindstackWrapper, FramesAsText) {
+  unwindstack::FrameData frame = {};
   frame.num = 7;
   frame.rel_pc = 0xabc;
-  EXPECT_EQ(line(), "  #07 pc 0000000000000abc  <unknown>");
-  EXPECT_EQ(line(true), "  #07 pc 00000abc  <unknown>");
-  frame.map_name = "/lib/x.so";
-  frame.map_elf_start_offset = 0x1000;
-  EXPECT_EQ(line(), "  #07 pc 0000000000000abc (offset 0x1000)  <unknown>");
-  frame.map_start = 0x7f00;
-  frame.map_end = 0x8f00;
-  frame.num = 100;
-  EXPECT_EQ(line(), "  #100 pc 0000000000000abc (offset 0x1000)  /lib/x.so");
-  frame.function_name = "_Z1fv";
-  frame.map_elf_start_offset = 0;
-  EXPECT_EQ(line(), "  #100 pc 0000000000000abc  /lib/x.so (_Z1fv)");
-  frame.function_offset = 12;
-  frame.map_name = "";
-  EXPECT_EQ(line(), "  #100 pc 0000000000000abc  <anonymous:7f00> (_Z1fv+12)");
+  frame.map_name = "/lib/x";
+  unwinder_.frames.assign(3, frame);
+  unwinder_.num_frames = 3;
+  for (const size_t i : {size_t{1}, size_t{2}}) unwinder_.frames[i].map_end = 0x10;
+  unwinder_.frames[1].num = 100;
+  unwinder_.frames[1].map_elf_start_offset = 0x1000;
+  unwinder_.frames[1].function_name = unwinder_.frames[2].function_name = "_Z1fv";
+  unwinder_.frames[2].function_offset = 12;
+  unwinder_.frames[2].map_name = "";
+  EXPECT_EQ(unwinder_.frame_string(0), "  #07 pc 0000000000000abc  <unknown>");
+  EXPECT_EQ(unwinder_.frame_string(1),
+            "  #100 pc 0000000000000abc (offset 0x1000)  /lib/x (_Z1fv)");
+  EXPECT_EQ(unwinder_.frame_string(2), "  #07 pc 0000000000000abc  <anonymous:0> (_Z1fv+12)");
+  unwinder_.is_32bit = true;
+  EXPECT_EQ(unwinder_.frame_string(0), "  #07 pc 00000abc  <unknown>");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "core/short_lock.h"
 
 #include <errno.h>
-#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>

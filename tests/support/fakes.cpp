@@ -22,6 +22,7 @@ FAKE(int, pthread_create,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* arg),
      (body), (thread, attributes, body, arg))
 FAKE(const char*, getprogname, (), (), ())
+FAKE(int, DravikGetStack, (int tid, char* buffer), (tid, buffer), (tid, buffer))
 
 int __real_gettimeofday(timeval* now, void* zone);
 int __wrap_gettimeofday(timeval* now, void* zone) {

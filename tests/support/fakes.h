@@ -17,6 +17,7 @@ struct Fakes {
   // Given the body of the new thread; its result is pthread_create's.
   std::function<int(void* (*body)(void*))> pthread_create;
   std::function<const char*()> getprogname;
+  std::function<int(int tid, char* buffer)> DravikGetStack;
   std::function<void()> wake_monitor;  // before the library's own
 };
 

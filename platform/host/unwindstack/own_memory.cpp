@@ -17,8 +17,8 @@ namespace unwindstack {
 namespace {
 
 // Where the direct call is refused (emulators, sandboxes): what a pipe takes from an address it
-// also gives back, and an unreadable address is an error of the write. The kernel is called directly:
-// the thread whose memory this is may write it meanwhile, which sanitizers would report.
+// also gives back, and an unreadable address is an error of the write. The kernel is called
+// directly: the thread whose memory this is may write it meanwhile, which sanitizers would report.
 bool ReadThroughPipe(uint64_t addr, void* out, size_t size) {
   constexpr size_t kPiece = 4096;  // a pipe holds at least this much
   int fds[2];
