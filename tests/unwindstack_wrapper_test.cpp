@@ -191,6 +191,34 @@ TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurnsAndTheInterruptedThreadNoticesNo
   EXPECT_EQ(after.sa_handler, before.sa_handler);
 }
 
+// Each is cancelled in a blocking call, most while the unwinder has it parked there.
+TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
+  if (kSanitized) GTEST_SKIP() << "their own frames cannot be unwound by a cancellation";
+  static std::atomic<int> still_blocked;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  for (int i = 0; i < 300; ++i) {
+    std::atomic<bool> cancelled{false};
+    ParkedThread victim([&](const auto&) {
+      const auto note = [](void*) {
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        still_blocked += reinterpret_cast<const uint64_t*>(&mask)[0] >> 32 & 1;
+      };
+      pthread_cleanup_push(note, nullptr);
+      for (char c;;) EXPECT_EQ(read(ends[0], &c, 1), 0);
+      pthread_cleanup_pop(0);
+    });
+    ParkedThread unwinding([&](const auto&) {
+      while (!cancelled) unwindstack_wrapper().unwind(victim.tid(), nullptr, 64);
+    });
+    usleep(100 + i % 100);
+    cancelled = true;
+    pthread_cancel(victim.handle());
+  }
+  EXPECT_EQ(still_blocked, 0);
+}
+
 TEST_F(UnwindstackWrapper, OneEntryAPairWithAReferenceAGetAndTheListWholeAfterARemoval) {
   Entry* const rest = Entry::list_;
   Entry *const first = Create(1), *const middle = Create(2), *const last = Create(3);

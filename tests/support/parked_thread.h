@@ -30,6 +30,7 @@ class ParkedThread {
     while (syscall(SYS_tgkill, getpid(), tid_.load(), 0) == 0) usleep(1000);
   }
   int tid() const { return tid_; }
+  pthread_t handle() { return thread_.native_handle(); }
 
  private:
   std::atomic<int> tid_{0};

@@ -1,5 +1,6 @@
 #include <unwindstack/Unwinder.h>
 
+#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ struct Shared {
   unw_addr_space_t space;
   std::vector<FrameData>* vectors[kPooledVectors];
   std::atomic<bool> vector_taken[kPooledVectors];
-  std::atomic<pid_t> lock_holder;  // the process whose thread walks, 0: none
+  std::atomic<bool> walk_taken;
   StackWalk* walk;
 };
 Shared g_shared;
@@ -33,25 +34,27 @@ StackWalk* NewStackWalk() {
 }
 
 // The lock on the walk. No thread holds it while it is parked: the one that has others parked is
-// the one that walks. A fork in the middle of a walk leaves it held in the child by nobody, with
-// the walk in any state; the child then begins a new one.
+// the one that walks.
 class WalkLock {
  public:
   WalkLock() {
-    pid_t self = getpid(), holder = 0;
-    while (!g_shared.lock_holder.compare_exchange_weak(holder, self, std::memory_order_acquire)) {
-      if (holder != 0 && holder != self) {
-        g_shared.walk = NewStackWalk();
-      } else {
-        sched_yield();
-        holder = 0;
-      }
-    }
+    while (g_shared.walk_taken.exchange(true, std::memory_order_acquire)) sched_yield();
   }
-  ~WalkLock() { g_shared.lock_holder.store(0, std::memory_order_release); }
+  ~WalkLock() { g_shared.walk_taken.store(false, std::memory_order_release); }
   WalkLock(const WalkLock&) = delete;
   WalkLock& operator=(const WalkLock&) = delete;
 };
+
+// A fork in the middle of a walk leaves it in the child in any state, and the unwinding library's
+// own locks taken by nobody. The child begins a new one and goes without that library, from frame
+// pointer to frame pointer. To have the fork wait instead would have it hold up the unwinder, where
+// the fork itself waits for an allocator lock of a parked thread.
+void StartAnewInChild() {
+  if (!g_shared.walk_taken.load(std::memory_order_relaxed)) return;
+  g_shared.space = nullptr;
+  g_shared.walk = NewStackWalk();
+  g_shared.walk_taken.store(false, std::memory_order_relaxed);
+}
 
 }  // namespace
 
@@ -93,6 +96,7 @@ namespace {
 // at their first call, which is not to happen while a thread is parked that may hold the loader's
 // lock.
 __attribute__((constructor)) void PrepareAtLoad() {
+  pthread_atfork(nullptr, nullptr, StartAnewInChild);
   g_shared.space = StackWalk::CreateAddressSpace();
   for (auto& frames : g_shared.vectors) {
     frames = new std::vector<FrameData>();
