@@ -72,8 +72,8 @@ class Report:
                   times["start_end_127_armed/quorvel"] / times["start_end/quorvel/threads:1"],
                   "≤", 1.1, " ×")
         tick = {name: median(runs) for name, runs in self.results["tick"].items()}
-        self.goal("start + end while a full slot is emptied 1000 times a second, over an empty "
-                  "registry", tick["start_end/emptied"] / tick["start_end/empty"],
+        self.goal("start + end while a full slot is emptied about 1000 times a second, over an "
+                  "empty registry", tick["start_end/127"] / tick["start_end/0"],
                   "≤", 1.1, " ×")
         self.goal("one tick, 128 watches in the slot", tick["tick/128"] / 1000, "≤", 20, " µs")
         self.goal("one tick, empty slot", tick["tick/0"] / 1000, "≤", 20, " µs")

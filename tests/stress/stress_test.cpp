@@ -240,9 +240,10 @@ TEST(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) {
     while (thread.tid == 0) sched_yield();
   }
   const time_t end = time(nullptr) + StormSeconds();
-  for (size_t i = 0; time(nullptr) < end && !HasFailure(); ++i) {
+  size_t incidents = 0;
+  for (; time(nullptr) < end && !HasFailure(); ++incidents) {
     const time_t start = time(nullptr);
-    const std::string text = MakeIncident(threads[i % threads.size()].tid);
+    const std::string text = MakeIncident(threads[incidents % threads.size()].tid);
     time_t limit = 20;
     for (size_t at = 0; (at = text.find("Unwind failed:", at)) != std::string::npos; ++at) {
       limit += 5;  // of silence
@@ -255,9 +256,10 @@ TEST(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) {
       EXPECT_EQ(section.find("  #64 "), std::string::npos);
       EXPECT_TRUE(!thread.kind.has_way_up || section.find("RunHostile") != std::string::npos);
     }
-    ASSERT_EQ(write(g_pipe[1], "xxxxx", 5), 5);  // for those who wait in read
+    ASSERT_EQ(write(g_pipe[1], "xxxxxxxxxxxxxxxxxxxx", 20), 20);  // for those who wait in read
   }
   EXPECT_EQ(partings, 0);
+  printf("%zu incidents with %zu hostile threads\n", incidents, threads.size());
   g_running = false;
   ASSERT_EQ(write(g_pipe[1], "xxxxx", 5), 5);
   for (Hostile& thread : threads) {
@@ -418,6 +420,7 @@ TEST(RegistryStorm, EveryWatchFiresOnceOrIsEndedAndNoStartIsLost) {
     ASSERT_NO_FATAL_FAILURE(VerifyRound());
   }
   g_fast_ticks = false;
+  printf("%zu watches: %zu fired, %zu ended\n", g_started.load(), g_fired.load(), g_ended.load());
   EXPECT_TRUE(g_fired > 0 && g_ended > 0);
 }
 
