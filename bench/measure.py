@@ -24,7 +24,7 @@ EU_STACK = ["eu-stack"]
 GDB = ["gdb", "-nx", "-batch", "-ex", "thread apply all bt"]
 
 SHORT = "--short" in sys.argv
-REPETITIONS, MIN_TIME = (1, 0.002) if SHORT else (15, 0.04)
+REPETITIONS, MIN_TIME = (1, 0.002) if SHORT else (15, 0.1)
 ROUNDS, THREAD_COUNTS = (1, (4,)) if SHORT else (7, (4, 32, 128))
 IDLE_SECONDS, ARMED_TICKS = (1, 2) if SHORT else (60, 20)
 

@@ -197,7 +197,7 @@ TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
   static std::atomic<int> still_blocked;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  for (int i = 0; i < 300; ++i) {
+  for (useconds_t i = 0; i < 300; ++i) {
     std::atomic<bool> cancelled{false};
     ParkedThread victim([&](const auto&) {
       const auto note = [](void*) {

@@ -12,7 +12,7 @@ namespace {
 // Each look waits twice as long for the next: less than a microsecond in all, or some 10 to 60.
 constexpr int kLooks = 4;
 constexpr int kPatientLooks = 10;
-constexpr long kFirstSleep = 50'000;  // nanoseconds
+constexpr long kFirstSleep = 100'000;  // nanoseconds
 constexpr long kLongestSleep = 1'000'000;
 
 // Tells the processor that this is a loop that waits.

@@ -15,6 +15,7 @@
 namespace {
 
 constexpr int kMaxFrames = 64;
+constexpr size_t kUsualSection = 4096;
 
 void Echo(const std::string& text) {
   __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", text.c_str());
@@ -31,6 +32,7 @@ void DumpBacktraceTid(int tid, int fd) {
   }
   std::string section = "\ntid = " + std::to_string(tid) + "\n";
   Echo(section);
+  section.reserve(kUsualSection);
   std::vector<std::string> lines;
   lines.reserve(unwinder.frames.size());
   for (size_t i = 0; i < unwinder.frames.size(); ++i) {

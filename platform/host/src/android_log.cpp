@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -115,11 +116,23 @@ bool SomebodyReads() {
   return (descriptor.revents & (POLLERR | POLLNVAL)) == 0;
 }
 
-// The kernel's own call: the C library's is a point where a thread may be cancelled.
+// Newer kernels spare the question. By the kernel's own calls: the C library's are points where a
+// thread may be cancelled.
+long WriteWithoutSignal(const char* data, size_t length) {
+  constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL, which no header of this age declares
+  static std::atomic<bool> refused{false};
+  if (!refused.load(std::memory_order_relaxed)) {
+    const struct iovec piece = {const_cast<char*>(data), length};
+    const long written = syscall(SYS_pwritev2, STDERR_FILENO, &piece, 1, -1L, -1L, kNoSignal);
+    if (written != -1 || (errno != EOPNOTSUPP && errno != ENOSYS)) return written;
+    refused.store(true, std::memory_order_relaxed);
+  }
+  return SomebodyReads() ? syscall(SYS_write, STDERR_FILENO, data, length) : 0;
+}
+
 void WriteAll(const char* data, size_t length) {
-  if (!SomebodyReads()) return;
   while (length > 0) {
-    const long written = syscall(SYS_write, STDERR_FILENO, data, length);
+    const long written = WriteWithoutSignal(data, length);
     if (written == -1 && errno == EINTR) continue;
     if (written <= 0) return;
     data += written;

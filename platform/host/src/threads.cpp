@@ -64,7 +64,7 @@ Condition* StateOf(pthread_cond_t* condition) {
 // Whether the turn comes within the time that sleeping and being woken would take. The yields let
 // the other side run where it waits for this very processor.
 bool TurnComesSoon(const Condition& condition, uint32_t turn) {
-  constexpr int kYields = 200;
+  constexpr int kYields = 500;
   for (int i = 0; i < kYields; ++i) {
     if (condition.turn.load(std::memory_order_acquire) != turn) return true;
     sched_yield();
