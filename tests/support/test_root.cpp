@@ -86,11 +86,13 @@ __attribute__((constructor(101))) static void EnterOwnRoot() {
 
 int main(int argc, char** argv) {
 #if defined(__SANITIZE_THREAD__)
-  // The sanitizer's own thread takes the unwinder's signal like any other, without the state that
-  // instrumented code needs: it has to go. It comes with the first thread of the process.
+  // The sanitizer's own threads take the unwinder's signal like any other, without the state that
+  // instrumented code needs: they have to go. One comes with the fork, one with the first thread of
+  // the process; only the end of the latter is waited for.
   std::thread([] {}).join();
   __sanitizer_sandbox_arguments nothing_to_keep = {};
   __sanitizer_sandbox_on_notify(&nothing_to_keep);
+  while (std::distance(fs::directory_iterator("/proc/self/task"), {}) > 1) usleep(1000);
 #endif
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();
