@@ -39,9 +39,9 @@ constexpr bool kThreadSanitizer = true;
 constexpr bool kThreadSanitizer = false;
 #endif
 #if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;  // its heap's locks may be taken in a child
+constexpr bool kSanitizer = true;
 #else
-constexpr bool kAddressSanitizer = false;
+constexpr bool kSanitizer = kThreadSanitizer;
 #endif
 
 #define NOINLINE __attribute__((noinline))
@@ -132,14 +132,15 @@ const struct Kind {
      [] {
        const pid_t child = fork();
        if (child == 0) {
-         if (kAddressSanitizer) _exit(0);
+         if (kSanitizer) _exit(0);  // the locks of its heap may be taken
          alarm(20);
          QuorvelInsertLogTitle(1, "child", 0);
          unwindstack_wrapper unwinder;
          _exit(unwinder.unwind(getpid(), nullptr, 64) ? 0 : 1);
        }
        int status = -1;
-       EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << "not restarted";
+       EXPECT_EQ(waitpid(child, &status, 0), child) << "not restarted";
+       EXPECT_EQ(status, 0);
      }},
     {"blocks the signal", true,
      [] {
