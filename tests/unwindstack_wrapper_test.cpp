@@ -157,7 +157,11 @@ TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurnsAndTheInterruptedThreadNoticesNo
   sigaction(33, nullptr, &before);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
+  static char signal_stack[64 * 1024];
   ParkedThread thread([&](const auto&) {
+    const stack_t stack = {signal_stack, 0, sizeof(signal_stack)};
+    stack_t old_stack = {};
+    sigaltstack(&stack, &old_stack);
     sigset_t mask = {}, now = {};
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     for (ssize_t count = 1; count != 0;) {
@@ -169,6 +173,7 @@ TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurnsAndTheInterruptedThreadNoticesNo
       pthread_sigmask(SIG_BLOCK, nullptr, &now);
       if (memcmp(&mask, &now, sizeof(mask)) != 0) ++wrong;
     }
+    sigaltstack(&old_stack, nullptr);
   });
   const auto unwind_often = [&](int tid) {
     for (int i = 0; i < 300; ++i) {
@@ -187,6 +192,7 @@ TEST_F(UnwindstackWrapper, TwoUnwindersTakeTurnsAndTheInterruptedThreadNoticesNo
   thread.Stop();
   close(ends[0]);
   EXPECT_EQ(wrong, 0);
+  EXPECT_THAT(signal_stack, testing::Contains(testing::Ne(0))) << "another stack was used";
   sigaction(33, nullptr, &after);
   EXPECT_EQ(after.sa_handler, before.sa_handler);
 }
