@@ -8,12 +8,13 @@
 //     link the watch, under the registry lock
 //     started + 1                             take the wake lock
 //     take the wake lock                      started as recorded at the last tick?
-//     waiting? then signal                      no:  let go, tick on
-//     let go                                    yes: waiting = 1, let go, wait for the signal
+//     waiting?                                  no:  let go, tick on
+//     let go; signal if it was set              yes: waiting = 1, let go, wait for the signal
 //                                                    waiting = 0 under the lock, tick on
 //
 // A start that counts before the comparison keeps the monitor ticking; one that counts after it
-// finds the flag set. The registry lock and the wake lock are never held together.
+// finds the flag set and signals; the signal stays until the monitor has taken it. No two of the
+// registry lock, the wake lock and that of the wake condition are ever held together.
 #ifndef QUORVEL_CORE_MONITOR_THREAD_H_
 #define QUORVEL_CORE_MONITOR_THREAD_H_
 
@@ -51,7 +52,7 @@ void QuorvelWakeMonitor();
 // Whether the executable lies under /vendor, for the log directory and the recovery properties.
 void QuorvelSetVendor(bool is_vendor);
 
-// In the child of a fork: frees the wake lock and the state of the layers below.
+// In the child of a fork: renews the wake condition and the state of the layers below.
 void QuorvelResetMonitorAfterFork();
 
 #endif  // QUORVEL_CORE_MONITOR_THREAD_H_

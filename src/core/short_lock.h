@@ -2,12 +2,13 @@
 //
 // Letting go of it is one plain store, where a mutex of the C library needs a second atomic
 // exchange to learn whether somebody sleeps: that is a third of what a start or an end costs. The
-// price is paid by a thread that finds it taken. It looks again a few times, then sleeps, a little
-// longer each time: whoever holds the lock gets the processor back whatever its priority, and
-// threads that all want it all the time take it for a while each, rather than pass its cache line
-// to and fro. For a holder that says it needs some microseconds, it looks for that long.
+// price is paid by a thread that finds it taken. It looks again a few times, then yields, then
+// sleeps: whoever holds the lock gets the processor back whatever its priority, and threads that
+// all want it all the time take it for a while each, rather than pass its cache line to and fro.
+// For a holder that says it needs some microseconds, it looks for that long. As with a mutex,
+// nobody is served in turn.
 //
-// Not recursive. Never held across a call that may block.
+// Not recursive, not for signal handlers. Never held across a call that may block.
 #ifndef QUORVEL_CORE_SHORT_LOCK_H_
 #define QUORVEL_CORE_SHORT_LOCK_H_
 
@@ -19,8 +20,8 @@ class QuorvelShortLock {
   enum Hold : uint8_t { kFree, kInstructions, kMicroseconds };
 
   void Take(Hold hold) {
-    for (Hold free = kFree; !hold_.compare_exchange_weak(free, hold, std::memory_order_acquire);
-         free = kFree) {
+    for (Hold found = kFree; !hold_.compare_exchange_weak(found, hold, std::memory_order_acquire);
+         found = kFree) {
       Await();
     }
   }

@@ -2,9 +2,10 @@
 // exactly one circular list: the free list, or one of the 64 slots of the timing wheel, one slot a
 // second. The cursor names the slot that the monitor empties at its next tick.
 //
-// Threads: the registry lock guards pool, lists and cursor. Every operation below that is not said
-// to be free of it must be called with the lock held. Each takes constant time; none allocates,
-// blocks or calls out. The two counters are atomics and need no lock.
+// Threads: the registry lock guards pool, lists and cursor; the wake lock, the waiting flag. Every
+// operation below that is not said to be free of it must be called with the lock held. Each takes
+// constant time; none allocates, blocks or calls out. The two counters are atomics and need no
+// lock.
 #ifndef QUORVEL_CORE_WATCH_REGISTRY_H_
 #define QUORVEL_CORE_WATCH_REGISTRY_H_
 
@@ -39,10 +40,10 @@ struct QuorvelNode {
   QuorvelLink link;
 };
 
-// The registry's state. What every start and end writes lies on one cache line, so that a thread
-// that comes to it fetches no more than that from another processor. Only the functions of this
-// room touch it, and the wake-up those of the monitor's; it stands here so that a start and an end
-// need no call for each step.
+// The registry's state. What all starts and ends share, beside the watches' own nodes and slots,
+// lies on one cache line of 64 bytes. Only the functions of this room touch it, and those of
+// monitor_thread the wake-up's; it stands here so that a start and an end need no call for each
+// step.
 struct QuorvelRegistry {
   alignas(64) QuorvelShortLock lock;
   QuorvelShortLock wake_lock;  // guards waiting; see monitor_thread.h
@@ -169,8 +170,8 @@ inline void QuorvelAdvanceCursor() {
   g_registry.cursor = (g_registry.cursor + 1) % kWheelSlots;
 }
 
-// In the child of a fork, whose one thread may have forked while another held the lock: frees the
-// lock and counts every watch of the parent as ended. The lists stay as they are until the next
+// In the child of a fork, whose one thread may have forked while another held a lock: lets go of
+// both and counts every watch of the parent as ended. The lists stay as they are until the next
 // build.
 void QuorvelResetRegistryAfterFork();
 

@@ -40,7 +40,7 @@ void DumpBacktraceTid(int tid, int fd) {
     section += lines.back();
     section += '\n';
   }
-  // In one write, and before the log, which may be slow.
+  // In one write, and before the frames' echo: the log may be slow.
   android::base::WriteStringToFd(section, fd);
   for (const std::string& line : lines) Echo(line);
 }

@@ -116,15 +116,16 @@ bool SomebodyReads() {
   return (descriptor.revents & (POLLERR | POLLNVAL)) == 0;
 }
 
-// Newer kernels spare the question. By the kernel's own calls: the C library's are points where a
-// thread may be cancelled.
+// Since Linux 6.18 a write can do without the signal, which spares the question. Where that is
+// refused once, for the kernel's age, a filter or the kind of file, it is not tried again. By the
+// kernel's own calls: the C library's are points where a thread may be cancelled.
 long WriteWithoutSignal(const char* data, size_t length) {
   constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL, which no header of this age declares
   static std::atomic<bool> refused{false};
   if (!refused.load(std::memory_order_relaxed)) {
     const struct iovec piece = {const_cast<char*>(data), length};
     const long written = syscall(SYS_pwritev2, STDERR_FILENO, &piece, 1, -1L, -1L, kNoSignal);
-    if (written != -1 || (errno != EOPNOTSUPP && errno != ENOSYS)) return written;
+    if (written != -1 || errno == EINTR || errno == EAGAIN || errno == EPIPE) return written;
     refused.store(true, std::memory_order_relaxed);
   }
   return SomebodyReads() ? syscall(SYS_write, STDERR_FILENO, data, length) : 0;

@@ -49,7 +49,9 @@ struct tm LocalTimeAt(time_t seconds) {
 
 // In the child of a fork the lock may be held by a thread that is not there.
 char* __wrap_ctime_r(const time_t* seconds, char* text) {
+  constexpr time_t kYear10000 = 253402300800, kYear1 = -62135596800;
   if (!g_forked) return __real_ctime_r(seconds, text);
+  if (*seconds < kYear1 || *seconds >= kYear10000 - 86400) return nullptr;
   const struct tm local = LocalTimeAt(*seconds);
   return asctime_r(&local, text);
 }

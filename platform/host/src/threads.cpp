@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -61,14 +62,22 @@ Condition* StateOf(pthread_cond_t* condition) {
   return reinterpret_cast<Condition*>(condition);
 }
 
+long NanosecondsSince(const struct timespec& start) {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (now.tv_sec - start.tv_sec) * 1'000'000'000 + now.tv_nsec - start.tv_nsec;
+}
+
 // Whether the turn comes within the time that sleeping and being woken would take. The yields let
 // the other side run where it waits for this very processor.
 bool TurnComesSoon(const Condition& condition, uint32_t turn) {
-  constexpr int kYields = 500;
-  for (int i = 0; i < kYields; ++i) {
+  constexpr long kSoon = 150'000;  // nanoseconds
+  struct timespec start = {};
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  do {
     if (condition.turn.load(std::memory_order_acquire) != turn) return true;
     sched_yield();
-  }
+  } while (NanosecondsSince(start) < kSoon);
   return false;
 }
 
@@ -79,6 +88,7 @@ int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
   const uint32_t turn = state->turn.load(std::memory_order_acquire);
   pthread_mutex_unlock(mutex);
   bool timed_out = false;
+  // Who sets no deadline is in no hurry: the monitor, waiting for a start.
   if (deadline == nullptr || !TurnComesSoon(*state, turn)) {
     state->sleepers.fetch_add(1);
     const long result = syscall(SYS_futex, &state->turn, FUTEX_WAIT_BITSET_PRIVATE, turn, deadline,

@@ -13,6 +13,7 @@
 #include <unwindstack/Maps.h>
 
 #include "interned_text.h"
+#include "no_cancellation.h"
 
 namespace unwindstack {
 namespace {
@@ -140,6 +141,7 @@ void Maps::Release() {
 }
 
 bool Maps::Parse() {
+  const NoCancellation scope;
   Release();
   fd_ = OpenOwnMaps();
   if (fd_ < 0) return false;

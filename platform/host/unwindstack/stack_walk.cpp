@@ -123,7 +123,7 @@ const StackWalk::Code* StackWalk::Inspect() {
     memory_.SetStable(start, start + (module->stable ? segment.size : 0), module->content);
     has_entry_ = FindFrameEntry(*module, LookupPc(), &memory_, &entry_);
   }
-  bool signal_frame = has_entry_ && entry_.signal_frame;
+  bool signal_frame = has_entry_ && entry_.signal_frame && EntryCovers(LookupPc());
   trampoline_ = AtTrampoline() && (!has_entry_ || signal_frame || !EntryCovers(LookupPc()));
   if (trampoline_ || signal_frame) kind_ = kExact;
   return uncalled && !trampoline_ ? nullptr : code;
@@ -182,7 +182,7 @@ bool StackWalk::Step(const Code* code) {
   if (code == nullptr) return StepFromNowhere();
   if (trampoline_) return StepOverSignal();
   if (has_entry_ && StepByTable()) return true;
-  return (!has_entry_ || beyond_entry_) && StepByFramePointer();
+  return (!has_entry_ || beyond_entry_ || space_ == nullptr) && StepByFramePointer();
 }
 
 // The pc leads nowhere, as after a call through a null pointer: its caller is where that call

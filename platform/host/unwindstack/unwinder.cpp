@@ -4,13 +4,13 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <new>
 
 #include <unwindstack/RegsGetLocal.h>
 
 #include "interned_text.h"
+#include "no_cancellation.h"
 #include "stack_walk.h"
 
 namespace unwindstack {
@@ -33,12 +33,15 @@ StackWalk* NewStackWalk() {
   return pages != nullptr ? new (pages) StackWalk() : nullptr;
 }
 
-// The lock on the walk. No thread holds it while it is parked: the one that has others parked is
-// the one that walks.
+// The lock on the walk. A thread that walks is not parked but where it walks its own stack; who
+// then waits for it does so for the five seconds of a rendezvous at most.
 class WalkLock {
  public:
   WalkLock() {
-    while (g_shared.walk_taken.exchange(true, std::memory_order_acquire)) sched_yield();
+    constexpr int kYields = 100;
+    for (int i = 0; g_shared.walk_taken.exchange(true, std::memory_order_acquire); ++i) {
+      i < kYields ? sched_yield() : usleep(100);  // a yield lets no lower priority run
+    }
   }
   ~WalkLock() { g_shared.walk_taken.store(false, std::memory_order_release); }
   WalkLock(const WalkLock&) = delete;
@@ -46,9 +49,9 @@ class WalkLock {
 };
 
 // A fork in the middle of a walk leaves it in the child in any state, and the unwinding library's
-// own locks taken by nobody. The child begins a new one and goes without that library, from frame
-// pointer to frame pointer. To have the fork wait instead would have it hold up the unwinder, where
-// the fork itself waits for an allocator lock of a parked thread.
+// own locks taken by nobody. The child leaves both as they are, begins a new walk and goes without
+// that library, from frame pointer to frame pointer. To have the fork wait instead would have it
+// hold up the unwinder, where the fork itself waits for an allocator lock of a parked thread.
 void StartAnewInChild() {
   if (!g_shared.walk_taken.load(std::memory_order_relaxed)) return;
   g_shared.space = nullptr;
@@ -85,6 +88,7 @@ Unwinder::~Unwinder() {
 void Unwinder::Unwind(const std::vector<std::string>*, const std::vector<std::string>*) {
   frames_->clear();
   if (regs_ == nullptr || maps_ == nullptr) return;
+  const NoCancellation scope;
   WalkLock lock;
   if (g_shared.walk == nullptr) return;
   g_shared.walk->Run(g_shared.space, *regs_, maps_, max_frames_, frames_);
