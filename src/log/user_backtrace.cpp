@@ -5,7 +5,6 @@
 
 #include <set>
 #include <string>
-#include <vector>
 
 #include "log/log_tag.h"
 #include "log/proctid.h"
@@ -15,7 +14,6 @@
 namespace {
 
 constexpr int kMaxFrames = 64;
-constexpr size_t kUsualSection = 4096;
 
 void Echo(const std::string& text) {
   __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", text.c_str());
@@ -30,19 +28,16 @@ void DumpBacktraceTid(int tid, int fd) {
     android::base::WriteStringToFd(line, fd);
     return;
   }
-  std::string section = "\ntid = " + std::to_string(tid) + "\n";
-  Echo(section);
-  section.reserve(kUsualSection);
-  std::vector<std::string> lines;
-  lines.reserve(unwinder.frames.size());
+  const std::string header = "\ntid = " + std::to_string(tid) + "\n";
+  Echo(header);
+  android::base::WriteStringToFd(header, fd);
   for (size_t i = 0; i < unwinder.frames.size(); ++i) {
-    lines.push_back(unwinder.frame_string(i));
-    section += lines.back();
-    section += '\n';
+    std::string frame = unwinder.frame_string(i);
+    frame += '\n';
+    android::base::WriteStringToFd(frame, fd);
+    frame.pop_back();
+    Echo(frame);
   }
-  // In one write, and before the frames' echo: the log may be slow.
-  android::base::WriteStringToFd(section, fd);
-  for (const std::string& line : lines) Echo(line);
 }
 
 }  // namespace
