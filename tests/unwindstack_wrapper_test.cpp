@@ -223,6 +223,18 @@ TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
     pthread_cancel(victim.handle());
   }
   EXPECT_EQ(still_blocked, 0);
+
+  // One that unwinds itself reads files under locks: no place to end.
+  void* const library = Install(UNWIND_PLUGIN_A, test_root::Path("/cancelled.so"));
+  const auto call = reinterpret_cast<PluginCall>(dlsym(library, "plugin_call_a"));
+  size_t frames = 0;
+  ParkedThread self([&](const auto&) {
+    pthread_cancel(pthread_self());
+    frames = UnwindThrough(call).size();
+    pthread_testcancel();
+  });
+  self.Stop();
+  EXPECT_GT(frames, 4u);
 }
 
 TEST_F(UnwindstackWrapper, OneEntryAPairWithAReferenceAGetAndTheListWholeAfterARemoval) {

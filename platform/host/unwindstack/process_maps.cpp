@@ -131,6 +131,7 @@ Maps::~Maps() {
 LocalMaps::~LocalMaps() = default;
 
 void Maps::Release() {
+  const NoCancellation scope;
   if (fd_ >= 0) close(fd_);
   UnmapPages(text_, text_capacity_);
   UnmapPages(entries_, entry_capacity_ * sizeof(Mapping));
