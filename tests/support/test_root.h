@@ -1,5 +1,5 @@
-// Every test process has a device root of its own, made before anything else and removed when the
-// process has ended. A QUORVEL_HOST_ROOT that is set already is used, and kept.
+// Every test process has a device root of its own, made before anything else and removed at its
+// end, unless that is a crash. A QUORVEL_HOST_ROOT that is set already is used, and kept.
 #ifndef QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
 #define QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
 

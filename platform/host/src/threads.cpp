@@ -105,7 +105,7 @@ int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
 
 int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
   const int saved_errno = errno;
-  if (old != nullptr) sigemptyset(old);  // the kernel fills its first word alone
+  if (old != nullptr) *old = {};  // the kernel fills its first word alone
   const long result = syscall(SYS_rt_sigprocmask, how, set, old, kKernelSetSize);
   const int error = result == 0 ? 0 : errno;
   errno = saved_errno;

@@ -1,0 +1,42 @@
+// What the kernel below does not do, whether it is emulated, old, or behind a filter.
+#ifndef QUORVEL_TESTS_SUPPORT_KERNEL_H_
+#define QUORVEL_TESTS_SUPPORT_KERNEL_H_
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+// Whether a user-mode emulator runs this program: the call is one that it does not know.
+inline bool Emulated() {
+  char bytes[2] = {};
+  const iovec from = {&bytes[0], 1};
+  const iovec to = {&bytes[1], 1};
+  return process_vm_readv(getpid(), &to, 1, &from, 1, 0) != 1;
+}
+
+#define SKIP_UNDER_EMULATION(reason) \
+  if (Emulated()) GTEST_SKIP() << "under emulation: " << (reason)
+
+// Has the kernel refuse to this process, from now on, what old or confined ones do: questions about
+// a single mapping, reads of one's own memory by that call, writes without a signal.
+inline bool RefuseNewCalls() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 2, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+#endif  // QUORVEL_TESTS_SUPPORT_KERNEL_H_
