@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -120,6 +121,29 @@ void Bracket(benchmark::State& state) {
   if (!ok) state.SkipWithError("a call failed");
 }
 
+struct alignas(64) {
+  std::atomic<uint32_t> lock, wake_lock, started, ended;
+} g_shared;
+
+void TakeAndLetGo(std::atomic<uint32_t>* lock) {
+  for (uint32_t free = 0; !lock->compare_exchange_weak(free, 1, std::memory_order_acquire);) {
+    free = 0;
+  }
+  lock->store(0, std::memory_order_release);
+}
+
+// What no start and end can be without: their atomic exchanges, in the order in which they make
+// them, and nothing else. One thread's, which finds every lock free.
+void ExchangesAlone(benchmark::State& state) {
+  for (auto _ : state) {
+    TakeAndLetGo(&g_shared.lock);
+    g_shared.started.fetch_add(1);
+    TakeAndLetGo(&g_shared.wake_lock);
+    TakeAndLetGo(&g_shared.lock);
+    g_shared.ended.fetch_add(1);
+  }
+}
+
 // With every other node of the pool armed, far enough ahead not to expire meanwhile.
 void StartEndAmongOthers(benchmark::State& state) {
   std::vector<uint32_t> others;
@@ -151,6 +175,7 @@ int main(int argc, char** argv) {
   Register<TimerFd>("timerfd");
   Register<PosixTimer>("posix_timer");
   benchmark::RegisterBenchmark("start_end_127_armed/quorvel", StartEndAmongOthers)->UseRealTime();
+  benchmark::RegisterBenchmark("exchanges_alone", ExchangesAlone)->UseRealTime();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
