@@ -236,7 +236,7 @@ TEST(CoreTest, FiveExitsAreFreeAndThenOneEachHalfHour) {
                                                        {"2147483647,0", "2147483647,1763315480"},
                                                        {"-1,0", "-1,0"}};
   for (const auto& [before, after] : cases) {
-    test_root::SetProperty("odm.quorvel.rec.97", before.c_str());
+    test_root::SetProperty("odm.quorvel.rec.97", before);
     EXPECT_EXIT((QuorvelRecover(true), _exit(7)), ExitedWithCode(after == before ? 7 : 1),
                 " I QUORVEL : quorvel recovery limit count:-?[0-9]+ last happen time:[0-9]+\n");
     EXPECT_EQ(test_root::PropertyText("odm.quorvel.rec.97"), after);
@@ -244,7 +244,7 @@ TEST(CoreTest, FiveExitsAreFreeAndThenOneEachHalfHour) {
   EXPECT_TRUE(QuorvelRecoveryAllowed({5, LONG_MIN}, kNow));
   EXPECT_FALSE(QuorvelRecoveryAllowed({5, LONG_MAX}, kNow));
   for (const std::string value : {"FALSE", "falsehood", "false"}) {
-    test_root::SetProperty("ro.quorvel.rec", value.c_str());
+    test_root::SetProperty("ro.quorvel.rec", value);
     EXPECT_EXIT((QuorvelRecover(false), _exit(7)), ExitedWithCode(value == "false" ? 7 : 1), "");
   }
   EXPECT_EQ(QuorvelRecoveryRecordName(false, "abcdefghij"), "quorvel.s.rec.180004458");

@@ -14,8 +14,8 @@
 #include "log/log_file.h"
 #include "log/quorvel_log.h"
 #include "support/fakes.h"
-#include "support/kernel.h"
 #include "support/log_capture.h"
+#include "support/surroundings.h"
 #include "support/test_root.h"
 
 namespace {

@@ -14,17 +14,14 @@
 #include <sstream>
 
 #include "support/fakes.h"
-#include "support/kernel.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
+#include "support/surroundings.h"
 #include "support/test_root.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 
 static std::atomic<long> heap_calls;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;  // and with an allocator that cannot be replaced
-#else
-constexpr bool kSanitized = false;
+#if !SANITIZED  // whose allocator cannot be replaced
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* malloc(size_t size) {
   ++heap_calls;
@@ -143,7 +140,7 @@ TEST_F(UnwindstackWrapper, TheCallingThreadWithoutASignalAndOneThatIsGone) {
 
 // Each is cancelled in a blocking call, most while the unwinder has it parked there.
 TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
-  if (kSanitized) GTEST_SKIP() << "their own frames cannot be unwound by a cancellation";
+  if (SANITIZED) GTEST_SKIP() << "their own frames cannot be unwound by a cancellation";
   static std::atomic<int> still_blocked;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -259,7 +256,7 @@ TEST_F(UnwindstackWrapper, AThreadInTheLoaderWithoutItsLocksOrTheHeapAsTheDebugg
     sigaltstack(&none, nullptr);
   });
   ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));  // makes what stays for the thread
-  EXPECT_GT(heap_calls, kSanitized ? -1 : 0);
+  EXPECT_GT(heap_calls, SANITIZED ? -1 : 0);
   go = true;
   while (!g_arrived) usleep(1000);
   usleep(20000);  // until it sleeps

@@ -17,9 +17,9 @@
 #include "interposer.h"
 #include "log/log_file.h"
 #include "support/fakes.h"
-#include "support/kernel.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
+#include "support/surroundings.h"
 #include "support/test_root.h"
 
 namespace {

@@ -26,23 +26,12 @@
 #include "log/log_file.h"
 #include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
-#include "support/kernel.h"
 #include "support/parked_thread.h"
+#include "support/surroundings.h"
 #include "support/test_root.h"
 #include "unwind/unwindstack_wrapper.h"
 
 namespace {
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitizer = true;
-#else
-constexpr bool kSanitizer = kThreadSanitizer;
-#endif
 
 #define NOINLINE __attribute__((noinline))
 
@@ -132,7 +121,7 @@ const struct Kind {
      [] {
        const pid_t child = fork();
        if (child == 0) {
-         if (kSanitizer) _exit(0);  // the locks of its heap may be taken
+         if (SANITIZED) _exit(0);  // the locks of its heap may be taken
          alarm(20);
          QuorvelInsertLogTitle(1, "child", 0);
          unwindstack_wrapper unwinder;

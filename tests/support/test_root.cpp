@@ -21,9 +21,8 @@ std::string Path(const std::string& device_path) {
   return getenv("QUORVEL_HOST_ROOT") + device_path;
 }
 
-void SetProperty(const std::string& name, const char* value) {
-  RemoveTree("/dev/__properties__/" + name);
-  if (value != nullptr) WriteFile(Path("/dev/__properties__/" + name), value);
+void SetProperty(const std::string& name, const std::string& value) {
+  WriteFile(Path("/dev/__properties__/" + name), value);
 }
 
 std::string PropertyText(const std::string& name) {

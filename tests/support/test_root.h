@@ -15,8 +15,8 @@ inline constexpr char kJournal[] = "/data/log/dravik/events.jsonl";
 // The device path as a path of this machine.
 std::string Path(const std::string& device_path);
 
-// Sets or, with null, unsets a system property, read-only ones too; its value, empty when unset.
-void SetProperty(const std::string& name, const char* value);
+// Sets a system property, read-only ones too; its value, empty when unset.
+void SetProperty(const std::string& name, const std::string& value);
 std::string PropertyText(const std::string& name);
 
 // Makes a directory of the device and all above it, or empties it; removes whatever stands there.

@@ -1,6 +1,6 @@
-// What the kernel below does not do, whether it is emulated, old, or behind a filter.
-#ifndef QUORVEL_TESTS_SUPPORT_KERNEL_H_
-#define QUORVEL_TESTS_SUPPORT_KERNEL_H_
+// What tests run under: sanitizers, and a kernel that is emulated, old, or behind a filter.
+#ifndef QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
+#define QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -11,6 +11,17 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SANITIZED true
+#else
+#define SANITIZED false
+#endif
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
 
 // Whether a user-mode emulator runs this program: the call is one that it does not know.
 inline bool Emulated() {
@@ -39,4 +50,4 @@ inline bool RefuseNewCalls() {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-#endif  // QUORVEL_TESTS_SUPPORT_KERNEL_H_
+#endif  // QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
