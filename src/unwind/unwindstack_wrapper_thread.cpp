@@ -99,6 +99,10 @@ void unwindstack_wrapper_thread::wake() {
   pthread_cond_signal(&wait_cond_);
 }
 
+#if defined(__aarch64__)
+static_assert(sizeof(mcontext_t) == 4384, "with the area in which the kernel keeps the rest");
+#endif
+
 void unwindstack_wrapper_thread::copy_context(void* context) {
   const ucontext_t* from = static_cast<const ucontext_t*>(context);
   const int error =
