@@ -178,7 +178,11 @@ TEST_F(Core, TheMonitorSleepsOnceATickAndWaitsAfterThreeQuietOnes) {
       while (allowed < call) std::this_thread::yield();
       return call <= 2 ? 1u : 0u;  // both of the first tick are cut short
     };
-    std::function<void()> callback = [&] { trace_ += "fires "; };
+    std::function<void()> callback = [&] {
+      sigset_t mask;
+      pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+      trace_ += sigismember(&mask, SIGXFSZ) == 1 ? "fires " : "could die of a limit ";
+    };
     quorvel_init();
     Start(4, &callback);
     std::thread(QuorvelThreadHandle, nullptr).detach();

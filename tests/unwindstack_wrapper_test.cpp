@@ -204,6 +204,41 @@ TEST_F(UnwindstackWrapper, WaitIsForOneValueUntilOneDeadline) {
   Entry::remove(entry);
 }
 
+TEST_F(UnwindstackWrapper, AHandlerThatJumpsDoesNotJumpOutOfTheUnwindersOwn) {
+  static sigjmp_buf loop;
+  signal(SIGUSR2, [](int) { siglongjmp(loop, 1); });
+  std::atomic<bool> ready{false};
+  std::atomic<int> cancel_state{-1};
+  ParkedThread thread([&](const auto& stop) {
+    for (ready = sigsetjmp(loop, 1) != 2; !stop;) sched_yield();
+    int state;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+    cancel_state = state;
+  });
+  while (!ready) sched_yield();
+  ParkedThread sender([&](const auto& stop) {
+    for (; !stop; usleep(50)) tgkill(getpid(), thread.tid(), SIGUSR2);
+  });
+  for (int i = 0; i < 300; ++i) EXPECT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  sender.Stop();
+  thread.Stop();
+  EXPECT_EQ(cancel_state, PTHREAD_CANCEL_ENABLE);
+}
+
+TEST_F(UnwindstackWrapper, AProcessThatItsFirstThreadHasLeft) {
+  if (SANITIZED || Emulated()) GTEST_SKIP() << "no threads in the child of a fork";
+  const auto run = [] {
+    std::thread([] {
+      usleep(100000);
+      unwindstack_wrapper unwinder;
+      unwinder.unwind(gettid(), nullptr, 64);
+      _exit(unwinder.num_frames > 2 ? 0 : 1);
+    }).detach();
+    syscall(SYS_exit, 0);  // of this thread alone
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
 // The unwinder gives up after five seconds; the signal is still on its way and finds nobody.
 class UnwindstackWrapperSilence : public UnwindstackWrapper,
                                   public testing::WithParamInterface<bool> {};

@@ -2,6 +2,7 @@
 
 #include <bounds_checked.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -63,6 +64,14 @@ void SleepOneTick() {
   if (sleep(1) == 1) sleep(1);
 }
 
+// A write beyond the process's limit is to fail, as on a full disk; it would end the process.
+void FailAtTheFileSizeLimit() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGXFSZ);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
   return {node.id, node.callback, node.tid, node.name, node.start, node.arg, node.flags};
 }
@@ -71,6 +80,7 @@ QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
 
 void* QuorvelThreadHandle(void*) {
   pthread_setname_np(pthread_self(), "quorvel");
+  FailAtTheFileSizeLimit();
   QuorvelMonitor monitor;
   for (;;) {
     SleepOneTick();

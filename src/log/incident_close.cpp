@@ -24,8 +24,8 @@ void CloseLog() {
   const int fd = QuorvelGetLogFd();
   if (fd < 0) return;
   fsync(fd);
+  QuorvelSetLogFd(-1);  // before its number may be another's
   close(fd);
-  QuorvelSetLogFd(-1);
 }
 
 // Whether the service wants the event: only the first character of its configuration counts.

@@ -87,14 +87,9 @@ int __wrap_close(int fd) {
 long __real_syscall(long number, ...);
 long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
   if (number == SYS_rt_sigaction && Fails("rt_sigaction", "")) return -1;
+  if (number == SYS_rt_tgsigqueueinfo && Fails("tgkill", "")) return -1;
   if (number == SYS_process_vm_readv && Fails("process_vm_readv", "")) return -1;
   return __real_syscall(number, a, b, c, d, e, f);
-}
-
-// Here the C library's itself is replaced: the host layer has the linker's --wrap of it.
-int tgkill(pid_t pid, pid_t tid, int signal_number) {
-  if (Fails("tgkill", "")) return -1;
-  return static_cast<int>(__real_syscall(SYS_tgkill, pid, tid, signal_number));
 }
 
 }  // extern "C"

@@ -7,12 +7,12 @@
 //
 //     the library's sigaction(33, handler)  puts Dispatch in front, and reports the C library's
 //                                           handler as SIG_DFL
-//     the library's tgkill(tid, 33)         notes that tid owes a signal
-//     Dispatch on a thread that owes one    is the library's: to its handler; dropped where the
+//     the library's tgkill(tid, 33)         queues the signal with a value of its own
+//     Dispatch, with the latest value       is the library's: to its handler; dropped where the
 //                                           library has ignored or given back the signal
-//     Dispatch on any other thread          is the C library's: to its handler
-//     the library gives the signal back     the C library's handler is back; or, while a thread
-//                                           still owes a signal, after the next exchange
+//     Dispatch, with anything else          is the C library's: to its handler, which leaves queued
+//                                           ones alone, the library's late ones too
+//     the library gives the signal back     the C library's handler is back
 //
 // An action that the host process itself put there, by the kernel's own call, is reported as it is,
 // and put back as it was.
@@ -26,6 +26,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -54,6 +55,10 @@ constexpr size_t kKernelSetSize = 8;
 constexpr uint64_t SetOf(int signal_number) {
   return uint64_t{1} << (signal_number - 1);
 }
+
+// What a thread raises itself.
+constexpr uint64_t kFaults = SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) |
+                             SetOf(SIGTRAP) | SetOf(SIGSYS) | SetOf(SIGABRT);
 
 // As the kernel declares it.
 struct KernelAction {
@@ -99,68 +104,9 @@ Handler AsHandler(sighandler_t handler) {
   return result;
 }
 
-// How many signals of the library each thread has still to receive. One thread adds at a time (the
-// unwinder serialises its exchanges); any thread takes, in its signal handler.
-class Debts {
- public:
-  void Add(pid_t tid) {
-    std::atomic<uint64_t>* debt = Find(tid);
-    for (auto* slot = debts_; debt == nullptr && slot != debts_ + kSlots; ++slot) {
-      if (CountOf(slot->load()) == 0) debt = slot;
-    }
-    if (debt == nullptr) return;  // that many threads that never answered: the signal stays libc's
-    uint64_t old = debt->load();
-    while (!debt->compare_exchange_weak(old, Pack(tid, CountOf(old) + 1))) {
-    }
-  }
-
-  bool Take(pid_t tid) {
-    std::atomic<uint64_t>* debt = Find(tid);
-    if (debt == nullptr) return false;
-    uint64_t old = debt->load();
-    while (TidOf(old) == tid && CountOf(old) > 0) {
-      if (debt->compare_exchange_weak(old, old - 1)) return true;
-    }
-    return false;
-  }
-
-  // For a thread that is gone: its id may come back with another.
-  void Forget(pid_t tid) {
-    if (std::atomic<uint64_t>* debt = Find(tid)) debt->store(0);
-  }
-
-  bool None() const {
-    for (const auto& debt : debts_) {
-      if (CountOf(debt.load()) != 0) return false;
-    }
-    return true;
-  }
-
-  void Clear() {
-    for (auto& debt : debts_) debt.store(0);
-  }
-
- private:
-  static constexpr int kSlots = 256;
-
-  static uint64_t Pack(pid_t tid, uint32_t count) {
-    return static_cast<uint64_t>(static_cast<uint32_t>(tid)) << 32 | count;
-  }
-  static pid_t TidOf(uint64_t debt) { return static_cast<pid_t>(debt >> 32); }
-  static uint32_t CountOf(uint64_t debt) { return static_cast<uint32_t>(debt); }
-
-  std::atomic<uint64_t>* Find(pid_t tid) {
-    for (auto& debt : debts_) {
-      const uint64_t value = debt.load();
-      if (TidOf(value) == tid && CountOf(value) > 0) return &debt;
-    }
-    return nullptr;
-  }
-
-  std::atomic<uint64_t> debts_[kSlots] = {};
-};
-
-Debts g_debts;
+// The value of the signal sent last. The unwinder serialises its exchanges: one that comes with an
+// earlier value comes too late, and nobody waits for it any more.
+std::atomic<uintptr_t> g_latest_value{0};
 
 // The library's handler, or SIG_DFL or SIG_IGN.
 std::atomic<Handler> g_library_handler{AsHandler(SIG_DFL)};
@@ -201,14 +147,15 @@ bool IsLibcs(Handler handler) {
   return address >= g_libc_code.start && address < g_libc_code.end;
 }
 
-void LetUnwindSignalThrough(void*) {
-  constexpr uint64_t kUnwindSet = SetOf(kUnwindSignal);
-  syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &kUnwindSet, nullptr, kKernelSetSize);
+void RestoreMask(void* context) {
+  const sigset_t& mask = static_cast<const ucontext_t*>(context)->uc_sigmask;
+  syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, kKernelSetSize);
 }
 
 // A device has no thread cancellation. Here it would unwind a thread out of the library's handler,
 // with that one's locks held and, for good, the signal blocked: a later setuid would wait for ever.
-// The action's mask holds the C library's signal for it back; what is asked for meanwhile comes
+// The action's mask holds the C library's signal for it back, and with it all that come from
+// outside: a handler of the host's could jump out of this one. What is asked for meanwhile comes
 // when the handler is done.
 void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* context) {
   int type, state;
@@ -219,7 +166,7 @@ void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* 
   if (type == PTHREAD_CANCEL_DEFERRED) return;
   // The thread may be in any blocking call, which makes it asynchronous for that long. One that was
   // cancelled meanwhile goes to its end from here, and its last handlers may hang as well.
-  pthread_cleanup_push(LetUnwindSignalThrough, nullptr);
+  pthread_cleanup_push(RestoreMask, context);
   pthread_setcanceltype(type, nullptr);  // may not return
   pthread_cleanup_pop(0);
 }
@@ -227,16 +174,12 @@ void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* 
 void Dispatch(int signal_number, siginfo_t* info, void* context) {
   const Handler handler = g_library_handler.load();
   const bool callable = handler != AsHandler(SIG_DFL) && handler != AsHandler(SIG_IGN);
-  if (!g_debts.Take(gettid())) {
-    const Handler libc = g_libc_handler.load();
-    if (libc != nullptr) return libc(signal_number, info, context);
+  const auto value = reinterpret_cast<uintptr_t>(info->si_value.sival_ptr);
+  if (info->si_code == SI_QUEUE && value == g_latest_value.load()) {
+    if (callable) CallUncancelled(handler, signal_number, info, context);
+  } else if (const Handler libc = g_libc_handler.load()) {
+    libc(signal_number, info, context);
   }
-  if (callable) CallUncancelled(handler, signal_number, info, context);
-}
-
-// Gives the C library its handler back when nothing of the library's is on its way any more.
-void GiveBackToLibc() {
-  if (g_libc_handler.load() != nullptr && g_debts.None()) KernelSigaction(&g_libc_action, nullptr);
 }
 
 KernelAction DispatchAction(const struct sigaction& action) {
@@ -244,7 +187,7 @@ KernelAction DispatchAction(const struct sigaction& action) {
   kernel.handler = Dispatch;
   kernel.flags = static_cast<unsigned long>(static_cast<unsigned>(action.sa_flags)) | SA_SIGINFO;
   memcpy(&kernel.mask, &action.sa_mask, sizeof(kernel.mask));
-  kernel.mask |= SetOf(kCancelSignal);
+  kernel.mask |= SetOf(kCancelSignal) | ~kFaults;
   SetRestorer(&kernel);
   return kernel;
 }
@@ -293,8 +236,7 @@ long Install(const struct sigaction& action) {
     kernel.handler = action.sa_sigaction;
     return KernelSigaction(&kernel, nullptr);
   }
-  GiveBackToLibc();
-  return 0;
+  return KernelSigaction(&g_libc_action, nullptr);
 }
 
 int UnwindSignalAction(const struct sigaction* action, struct sigaction* old) {
@@ -307,13 +249,6 @@ int UnwindSignalAction(const struct sigaction* action, struct sigaction* old) {
   if (old != nullptr) Report(kernel_old, old);
   return action == nullptr ? 0 : static_cast<int>(Install(*action));
 }
-
-void ForgetDebts() {
-  g_debts.Clear();
-}
-
-// Signals that are on their way do not reach the child of a fork.
-[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, ForgetDebts);
 
 }  // namespace
 
@@ -332,14 +267,12 @@ sighandler_t __wrap_signal(int signal_number, sighandler_t handler) {
 }
 
 int __wrap_tgkill(pid_t pid, pid_t tid, int signal_number) {
-  if (signal_number == kUnwindSignal) g_debts.Add(tid);
-  const int result = __real_tgkill(pid, tid, signal_number);
-  if (result != 0 && errno == ESRCH) {
-    g_debts.Forget(tid);
-  } else if (result != 0 && signal_number == kUnwindSignal) {
-    const int saved_errno = errno;
-    g_debts.Take(tid);
-    errno = saved_errno;
-  }
-  return result;
+  if (signal_number != kUnwindSignal) return __real_tgkill(pid, tid, signal_number);
+  siginfo_t info = {};
+  info.si_signo = signal_number;
+  info.si_code = SI_QUEUE;
+  info.si_pid = pid;
+  info.si_uid = getuid();
+  info.si_value.sival_ptr = reinterpret_cast<void*>(g_latest_value.fetch_add(1) + 1);
+  return static_cast<int>(syscall(SYS_rt_tgsigqueueinfo, pid, tid, signal_number, &info));
 }

@@ -42,7 +42,7 @@ bool ReadOwnMemory(uint64_t addr, void* out, size_t size) {
   if (addr + size < addr) return false;
   iovec local = {out, size};
   iovec remote = {reinterpret_cast<void*>(addr), size};
-  long got = syscall(SYS_process_vm_readv, getpid(), &local, 1UL, &remote, 1UL, 0UL);
+  long got = syscall(SYS_process_vm_readv, gettid(), &local, 1UL, &remote, 1UL, 0UL);
   if (got < 0 && errno != EFAULT) return ReadThroughPipe(addr, out, size);
   return got == static_cast<long>(size);
 }

@@ -45,7 +45,7 @@ constexpr size_t kMaxTextCapacity = 256 * 1024 * 1024;
 int OpenOwnMaps() {
   int fd;
   do {
-    fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    fd = open("/proc/thread-self/maps", O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
