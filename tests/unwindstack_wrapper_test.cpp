@@ -107,6 +107,10 @@ PLAIN_FUNCTION int unwind_test_bare(void (*callback)(void*), void* arg) {
 PLAIN_FUNCTION void unwind_test_endless() {
   asm volatile(".cfi_escape 0x0f, 0x03, 0x2f, 0xfd, 0xff");
 }
+// Its is the smallest number divided by -1.
+PLAIN_FUNCTION void unwind_test_dividing() {
+  asm volatile(".cfi_escape 0x0f, 0x0c, 0x0f, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x09, 0xff, 0x1b");
+}
 }
 
 class UnwindstackWrapper : public testing::Test {
@@ -424,6 +428,7 @@ TEST_F(UnwindstackWrapper, BrokenContextShowsNoGarbageAndTheCallerWhereItCan) {
   const auto end = reinterpret_cast<uint64_t>(stack + page);
   const auto in_code = reinterpret_cast<uint64_t>(&unwind_test_leaf) + 8;
   const auto in_endless = reinterpret_cast<uint64_t>(&unwind_test_endless);
+  const auto in_dividing = reinterpret_cast<uint64_t>(&unwind_test_dividing);
   const auto in_data = reinterpret_cast<uint64_t>(&g_back);
   void* const vdso = dlopen("linux-vdso.so.1", RTLD_NOW | RTLD_NOLOAD);
   const auto in_vdso = reinterpret_cast<uint64_t>(dlsym(vdso, "__vdso_clock_gettime"));
@@ -445,6 +450,7 @@ TEST_F(UnwindstackWrapper, BrokenContextShowsNoGarbageAndTheCallerWhereItCan) {
       {"stack at the top", in_code, UINT64_MAX - 3, 0, kLeaf, "(none)"},
       {"stack not there", in_code, 8, 0, kLeaf, "(none)"},
       {"table without an end", in_endless, end - 64, 0, "unwind_test_endless", "(none)"},
+      {"table that divides", in_dividing, end - 64, 0, "unwind_test_dividing", "(none)"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);

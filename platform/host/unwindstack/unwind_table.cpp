@@ -35,21 +35,134 @@ uint64_t PointerSize(uint8_t encoding) {
   }
 }
 
-// Whether the frame description at `frame` is of a signal trampoline: its common part is so marked.
-bool IsSignalFrame(uint64_t frame, PageCache* memory) {
+// Reads the bytes of a frame description in their order, up to its end.
+class Reader {
+ public:
+  Reader(PageCache* memory, uint64_t at, uint64_t end) : memory_(memory), at_(at), end_(end) {}
+
+  bool more() const { return at_ < end_; }
+
+  uint8_t Byte() {
+    const uint64_t word_at = at_ & ~7ull;
+    if (!more() || (word_at != word_at_ && !memory_->Load(word_at, &word_))) {
+      at_ = end_;
+      return 0;
+    }
+    word_at_ = word_at;
+    return static_cast<uint8_t>(word_ >> (at_++ % 8 * 8));
+  }
+  uint64_t Leb() {
+    uint64_t value = 0;
+    for (unsigned shift = 0; more(); shift += 7) {
+      const uint8_t byte = Byte();
+      if (shift < 64) value |= uint64_t{byte & 0x7fu} << shift;
+      if (byte < 0x80) break;
+    }
+    return value;
+  }
+  void Skip(uint64_t count) { at_ = more() && count < end_ - at_ ? at_ + count : end_; }
+
+ private:
+  PageCache* const memory_;
+  uint64_t at_;
+  const uint64_t end_;
+  uint64_t word_at_ = UINT64_MAX, word_ = 0;  // read at once
+};
+
+// Whether rules of a frame description have an expression with a division, or cannot be told from
+// one. The unwinding library divides without a look at the one quotient that x86-64 traps on.
+bool RulesDivide(Reader rules) {
+  constexpr uint8_t kDivide = 0x1b;
+  while (rules.more()) {
+    const uint8_t rule = rules.Byte();
+    const unsigned kind = rule >= 0x40 ? 0x40u * (rule >> 6) : rule;
+    switch (kind) {
+      case 0x00:
+      case 0x0a:
+      case 0x0b:
+      case 0x2d:
+      case 0x40:
+      case 0xc0:
+        break;
+      case 0x02:
+      case 0x03:
+      case 0x04:  // advance by 1, 2 or 4 bytes
+        rules.Skip(1u << (kind - 2));
+        break;
+      case 0x06:
+      case 0x07:
+      case 0x08:
+      case 0x0d:
+      case 0x0e:
+      case 0x13:
+      case 0x2e:
+      case 0x80:
+        rules.Leb();
+        break;
+      case 0x05:
+      case 0x09:
+      case 0x0c:
+      case 0x11:
+      case 0x12:
+      case 0x14:
+      case 0x15:
+      case 0x2f:
+        rules.Leb();
+        rules.Leb();
+        break;
+      case 0x10:
+      case 0x16:  // of a register
+        rules.Leb();
+        [[fallthrough]];
+      case 0x0f:
+        for (uint64_t left = rules.Leb(); left > 0 && rules.more(); --left) {
+          if (rules.Byte() == kDivide) return true;
+        }
+        break;
+      default:
+        return true;
+    }
+  }
+  return false;
+}
+
+// What FindFrameEntry has to know of the frame description at `frame`; false when it is not one or
+// is not to be used.
+bool ReadDescription(uint64_t frame, PageCache* memory, bool* signal_frame) {
+  constexpr uint32_t kLongest = 1 << 16;
   struct {
     uint32_t length;
     uint32_t common;  // back from this field
   } head;
-  char common[16];  // length, id, version, augmentation
-  if (!memory->Load(frame, &head) || head.length == UINT32_MAX ||
-      !memory->Load(frame + 4 - head.common, &common)) {
-    return false;
+  uint32_t common_length;
+  if (!memory->Load(frame, &head) || head.length < 4 || head.length > kLongest) return false;
+  const uint64_t at = frame + 4 - head.common;
+  if (!memory->Load(at, &common_length) || common_length > kLongest) return false;
+  Reader common(memory, at + 8, at + 4 + common_length);
+  const uint8_t version = common.Byte();
+  char augmentation[8];
+  size_t length = 0;
+  while (length < sizeof(augmentation) && (augmentation[length] = static_cast<char>(common.Byte())))
+    ++length;
+  if (length == sizeof(augmentation)) return false;
+  common.Leb();
+  common.Leb();
+  version == 1 ? common.Byte() : common.Leb();
+  const bool sized = augmentation[0] == 'z';
+  const uint64_t data = sized ? common.Leb() : 0;
+  Reader letters = common;
+  common.Skip(data);
+  uint8_t encoding = 0;
+  *signal_frame = false;
+  for (size_t i = 1; i < length; ++i) {
+    if (augmentation[i] == 'S') *signal_frame = true;
+    if (augmentation[i] == 'R') encoding = letters.Byte();
+    if (augmentation[i] == 'L') letters.Byte();
+    if (augmentation[i] == 'P') letters.Skip(PointerSize(letters.Byte()));
   }
-  for (size_t i = 9; i < sizeof(common) && common[i] != '\0'; ++i) {
-    if (common[i] == 'S') return true;
-  }
-  return false;
+  Reader rules(memory, frame + 8 + 2 * PointerSize(encoding), frame + 4 + head.length);
+  if (sized) rules.Skip(rules.Leb());
+  return !RulesDivide(common) && !RulesDivide(rules);
 }
 
 }  // namespace
@@ -91,8 +204,7 @@ bool FindFrameEntry(const Module& module, uint64_t pc, PageCache* memory, FrameE
     result->end = table + static_cast<uint64_t>(int64_t{at.pc});
   }
   uint64_t frame = table + static_cast<uint64_t>(int64_t{found.frame});
-  result->signal_frame = IsSignalFrame(frame, memory);
-  return pc < result->end;
+  return pc < result->end && ReadDescription(frame, memory, &result->signal_frame);
 }
 
 }  // namespace unwindstack
