@@ -39,12 +39,8 @@ class Incident : public testing::Test {
     SetProperty("debug.atrace.tags.enableflags", "0x800");
     now_ += 1000;
     fakes.time = [] { return now_; };
-    fakes.gettimeofday = [this] { return timeval{1763315480, micros_}; };
+    fakes.gettimeofday = [] { return timeval{1763315480, 7250}; };
     fakes.getprogname = [this] { return program_; };
-    fakes.usleep = [this](useconds_t micros) {
-      micros_ += static_cast<suseconds_t>(micros);
-      return ++pauses_ == lock_goes_at_ ? unlink(LogPath(".lock").c_str()) : 0;
-    };
   }
   ~Incident() override { close(QuorvelGetLogFd()), QuorvelSetLogFd(-1); }
 
@@ -66,8 +62,6 @@ class Incident : public testing::Test {
   static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
 
   static inline time_t now_ = 1763315480;
-  suseconds_t micros_ = 7250;
-  int pauses_ = 0, lock_goes_at_ = 0;
   const char* program_ = "app";
   std::function<void()> callback_;
   const std::string no_exit_ = "not set recovery flag of quorvel";
@@ -171,37 +165,6 @@ TEST_F(Incident, ALogThatNobodyReadsAnyMoreEndsNothing) {
   };
   for (const bool filtered : {false, !Emulated()}) {
     EXPECT_EXIT(run(filtered), testing::ExitedWithCode(0), " W QUORVEL : while it is read\n");
-  }
-}
-
-TEST_F(Incident, AFileHasANameOfItsOwnInADirectoryOfTen) {
-  const std::string begin = "quorvel@1763315480";
-  const Texts more = {".hidden", "1", "2", "3", "4", "5", "6", "7", "8", "9", "a", "b"};
-  const Texts taken = {begin + "007.log", begin + "012.log", begin + "017.log", begin + "022.log"};
-  const struct {
-    Texts before;
-    int lock_goes_at;
-    const char* name;  // the end of it; null when there is no file
-    int pauses;
-    Texts messages;
-  } cases[] = {{more, 0, "007.log", 0, {"delete 1\n", "delete 2\n"}},
-               {{".lock"}, 0, "027.log", 4, {}},  // of a process that died
-               {{".lock"}, 3, "022.log", 3, {}},
-               {taken, 0, nullptr, 4, {}}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    test_root::MakeEmptyDir(kLogDir);
-    for (const std::string& name : c.before) test_root::WriteFile(LogPath(name), "");
-    const std::string last = QuorvelLastLogPath();
-    lock_goes_at_ = c.lock_goes_at;
-    micros_ = 7999;
-    pauses_ = 0;
-    QuorvelInitLog(kLog, false);
-    EXPECT_EQ(QuorvelLastLogPath(), c.name != nullptr ? LogPath(begin + c.name) : last);
-    EXPECT_EQ(pauses_, c.pauses);
-    EXPECT_EQ(Logged(), c.messages);
-    EXPECT_FALSE(testing::Value(test_root::List(kLogDir), testing::Contains(".lock")));
-    close(QuorvelGetLogFd());
   }
 }
 

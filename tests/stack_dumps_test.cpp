@@ -4,6 +4,7 @@
 #include <quorvel/quorvel.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 
@@ -14,6 +15,7 @@
 #include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
+#include "support/surroundings.h"
 #include "support/test_root.h"
 
 namespace {
@@ -93,6 +95,17 @@ TEST_F(StackDumps, AKernelStackIsCutWhereTheBufferIsFull) {
 }
 
 TEST_F(StackDumps, TheProcessIsDumpableOnlyMeanwhileEvenIfItsThreadsCannotBeListed) {
+  fakes.pthread_create = [](void* (*)(void*)) { return 0; };
+  quorvel_init();
+  int dumpable_children = 0;
+  fakes.DravikGetStack = [&](int, char*) {
+    const pid_t child = Emulated() ? -1 : fork();
+    if (child == 0) _exit(prctl(PR_GET_DUMPABLE));
+    int status = 0;
+    waitpid(child, &status, 0);
+    dumpable_children += status != 0;
+    return -1;
+  };
   rlimit files;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
   for (const int dumpable : {0, 1}) {
@@ -104,6 +117,7 @@ TEST_F(StackDumps, TheProcessIsDumpableOnlyMeanwhileEvenIfItsThreadsCannotBeList
       QuorvelKernBacktrace(watched_.tid());
       setrlimit(RLIMIT_NOFILE, &files);
       EXPECT_EQ(prctl(PR_GET_DUMPABLE), dumpable);
+      EXPECT_EQ(dumpable_children != 0, dumpable != 0 && !Emulated());
       EXPECT_EQ(log_.Has("Fail to get tids in pid "), limit == 0);
     }
   }

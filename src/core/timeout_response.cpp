@@ -68,5 +68,6 @@ void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor) {
 
 void QuorvelResetResponseAfterFork() {
   QuorvelDropLogAfterFork();
+  QuorvelResetDumpableAfterFork();
   unwindstack_wrapper_reset_after_fork();
 }

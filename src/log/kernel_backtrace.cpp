@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <set>
 
@@ -61,14 +62,21 @@ void QuorvelDumpKernel(int tid, bool echo) {
   QuorvelFlushLog();
 }
 
+// Set while a process that was not dumpable is.
+std::atomic<bool> g_dumpable_meanwhile{false};
+
 // The kernel shows the files under /proc/self only to a dumpable process.
 class ScopedDumpable {
  public:
   ScopedDumpable() : was_dumpable_(prctl(PR_GET_DUMPABLE) != 0) {
-    if (!was_dumpable_) prctl(PR_SET_DUMPABLE, 1);
+    if (was_dumpable_) return;
+    g_dumpable_meanwhile = true;
+    prctl(PR_SET_DUMPABLE, 1);
   }
   ~ScopedDumpable() {
-    if (!was_dumpable_) prctl(PR_SET_DUMPABLE, 0);
+    if (was_dumpable_) return;
+    prctl(PR_SET_DUMPABLE, 0);
+    g_dumpable_meanwhile = false;
   }
   ScopedDumpable(const ScopedDumpable&) = delete;
   ScopedDumpable& operator=(const ScopedDumpable&) = delete;
@@ -78,6 +86,10 @@ class ScopedDumpable {
 };
 
 }  // namespace
+
+void QuorvelResetDumpableAfterFork() {
+  if (g_dumpable_meanwhile.exchange(false)) prctl(PR_SET_DUMPABLE, 0);
+}
 
 void QuorvelKernBacktrace(int tid) {
   const ScopedDumpable dumpable;

@@ -8,4 +8,7 @@
 // only, between the callback and the user stacks.
 void QuorvelKernBacktrace(int tid);
 
+// In the child of a fork: puts back what its parent has set only for the time of its dump.
+void QuorvelResetDumpableAfterFork();
+
 #endif  // QUORVEL_LOG_KERNEL_BACKTRACE_H_
