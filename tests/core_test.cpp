@@ -159,6 +159,12 @@ TEST_F(Core, CallbacksRunInLinkOrderAndMayUseTheWatchCalls) {
   EXPECT_EQ(trace_, "first moved chained ");
 }
 
+TEST_F(Core, AStartAfterTheLastTickKeepsTheMonitorFromWaiting) {
+  EXPECT_FALSE(QuorvelCountIdleTick(&monitor_));
+  quorvel_end(Start(60));
+  QuorvelWaitForStart(&monitor_);  // or for ever
+}
+
 // The thread itself, in a process of its own, as it never ends.
 TEST_F(Core, TheMonitorSleepsOnceATickAndWaitsAfterThreeQuietOnes) {
   const auto run = [&] {

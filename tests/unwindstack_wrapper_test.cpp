@@ -209,6 +209,7 @@ TEST_F(UnwindstackWrapper, WaitIsForOneValueUntilOneDeadline) {
 }
 
 TEST_F(UnwindstackWrapper, AHandlerThatJumpsDoesNotJumpOutOfTheUnwindersOwn) {
+  if (kThreadSanitizer) GTEST_SKIP() << "it calls handlers later, whatever the mask says";
   static sigjmp_buf loop;
   signal(SIGUSR2, [](int) { siglongjmp(loop, 1); });
   std::atomic<bool> ready{false};
