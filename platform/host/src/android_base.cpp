@@ -78,7 +78,7 @@ bool WriteStringToFd(const std::string& content, int fd) {
 
 std::string GetExecutablePath() {
   char path[PATH_MAX];
-  const ssize_t length = readlink("/proc/thread-self/exe", path, sizeof(path));
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof(path));
   return length <= 0 ? "" : PathOnDevice(std::string(path, static_cast<size_t>(length)));
 }
 

@@ -42,10 +42,10 @@ constexpr uint64_t kCoveringOrNext = 0x10;  // a flag of the question; the low o
 constexpr size_t kFirstTextCapacity = 256 * 1024;
 constexpr size_t kMaxTextCapacity = 256 * 1024 * 1024;
 
-int OpenOwnMaps() {
+int OpenMaps(const char* path) {
   int fd;
   do {
-    fd = open("/proc/thread-self/maps", O_RDONLY | O_CLOEXEC);
+    fd = open(path, O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
@@ -144,15 +144,19 @@ void Maps::Release() {
 bool Maps::Parse() {
   const NoCancellation scope;
   Release();
-  fd_ = OpenOwnMaps();
-  if (fd_ < 0) return false;
-  Mapping first;
-  if (Query(0, kCoveringOrNext, &first)) return true;
-  bool read = ReadText();
-  close(fd_);
-  fd_ = -1;
-  if (!read) Release();
-  return read;
+  // The process's list is that of its first thread, which has none once it has ended.
+  for (const char* path : {"/proc/self/maps", "/proc/thread-self/maps"}) {
+    fd_ = OpenMaps(path);
+    if (fd_ < 0) continue;
+    Mapping first;
+    if (Query(0, kCoveringOrNext, &first)) return true;
+    bool read = ReadText();
+    close(fd_);
+    fd_ = -1;
+    if (read) return true;
+    Release();
+  }
+  return false;
 }
 
 bool Maps::Query(uint64_t addr, uint64_t flags, Mapping* result) {
