@@ -1,11 +1,12 @@
 #include "core/monitor_thread.h"
 
-#include <bounds_checked.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
+
+#include "base/bounds_checked.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 #include "core/recovery_limit.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/system_properties.h>
@@ -10,6 +9,7 @@
 
 #include <limits>
 
+#include "base/bounds_checked.h"
 #include "log/log_tag.h"
 
 namespace {

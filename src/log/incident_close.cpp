@@ -1,7 +1,6 @@
 #include "log/incident_close.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <cutils/trace.h>
 #include <kelvane.h>
 #include <quorvel/quorvel.h>
@@ -11,6 +10,7 @@
 
 #include <string>
 
+#include "base/bounds_checked.h"
 #include "log/log_file.h"
 #include "log/log_tag.h"
 #include "log/quorvel_log.h"

@@ -1,7 +1,6 @@
 #include "log/kernel_backtrace.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <kelvane.h>
 #include <quorvel/quorvel.h>
 #include <stdlib.h>
@@ -14,6 +13,7 @@
 #include <memory>
 #include <set>
 
+#include "base/bounds_checked.h"
 #include "log/log_tag.h"
 #include "log/proctid.h"
 #include "log/quorvel_log.h"

@@ -2,7 +2,6 @@
 
 #include <android-base/unique_fd.h>
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <device_path.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -13,6 +12,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "base/bounds_checked.h"
 #include "log/log_tag.h"
 #include "log/quorvel_log.h"
 

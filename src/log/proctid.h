@@ -9,7 +9,6 @@
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -21,6 +20,7 @@
 #include <set>
 #include <type_traits>
 
+#include "base/bounds_checked.h"
 #include "log/log_tag.h"
 
 namespace proctid {

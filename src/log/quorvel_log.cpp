@@ -1,7 +1,6 @@
 #include "log/quorvel_log.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <errno.h>
 #include <quorvel/quorvel.h>
 #include <stdarg.h>
@@ -10,6 +9,7 @@
 
 #include <atomic>
 
+#include "base/bounds_checked.h"
 #include "log/log_tag.h"
 
 namespace {

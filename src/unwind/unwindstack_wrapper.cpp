@@ -1,7 +1,6 @@
 #include "unwind/unwindstack_wrapper.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
@@ -12,6 +11,7 @@
 
 #include <memory>
 
+#include "base/bounds_checked.h"
 #include "unwind/unwind_log.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 

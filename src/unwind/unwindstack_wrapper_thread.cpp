@@ -1,13 +1,13 @@
 #include "unwind/unwindstack_wrapper_thread.h"
 
 #include <android/log.h>
-#include <bounds_checked.h>
 #include <errno.h>
 #include <string.h>
 #include <time.h>
 
 #include <new>
 
+#include "base/bounds_checked.h"
 #include "unwind/unwind_log.h"
 
 namespace {

@@ -1,5 +1,7 @@
 // Stand-in for the platform's <android-base/logging.h>: LOG and PLOG over the Android log, under
 // the name of the program. errno is the same after a statement as before it.
+//
+// android::base declares what the platform's does, and no more.
 #ifndef QUORVEL_HOST_ANDROID_BASE_LOGGING_H_
 #define QUORVEL_HOST_ANDROID_BASE_LOGGING_H_
 
@@ -39,29 +41,33 @@ class LogMessage {
   std::ostringstream stream_;
 };
 
-class ErrnoRestorer {
+}  // namespace base
+}  // namespace android
+
+namespace quorvel_host {
+
+// Restores errno at its end.
+class ErrnoKeeper {
  public:
-  ErrnoRestorer() : saved_(errno) {}
-  ~ErrnoRestorer() { errno = saved_; }
-  ErrnoRestorer(const ErrnoRestorer&) = delete;
-  ErrnoRestorer& operator=(const ErrnoRestorer&) = delete;
-  explicit operator bool() const { return true; }
+  ErrnoKeeper() : saved_(errno) {}
+  ~ErrnoKeeper() { errno = saved_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
   int saved() const { return saved_; }
 
  private:
   const int saved_;
 };
 
-}  // namespace base
-}  // namespace android
+}  // namespace quorvel_host
 
 #define QUORVEL_LOG_STREAM(severity, error)                                                  \
-  if (const ::android::base::ErrnoRestorer errno_restorer; true)                             \
+  if (const ::quorvel_host::ErrnoKeeper errno_keeper; true)                                  \
     if (::android::base::ShouldLog(::android::base::severity, nullptr))                      \
   ::android::base::LogMessage(__FILE__, __LINE__, ::android::base::severity, nullptr, error) \
       .stream()
 
 #define LOG(severity) QUORVEL_LOG_STREAM(severity, -1)
-#define PLOG(severity) QUORVEL_LOG_STREAM(severity, errno_restorer.saved())
+#define PLOG(severity) QUORVEL_LOG_STREAM(severity, errno_keeper.saved())
 
 #endif  // QUORVEL_HOST_ANDROID_BASE_LOGGING_H_

@@ -40,6 +40,7 @@ class unique_fd {
 
   int get() const { return fd_; }
   operator int() const { return fd_; }
+  bool operator!() const = delete;  // descriptor 0 is valid: compare with -1
 
  private:
   int fd_ = -1;

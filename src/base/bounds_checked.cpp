@@ -1,4 +1,5 @@
-#include <bounds_checked.h>
+#include "base/bounds_checked.h"
+
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -20,18 +21,19 @@ int memcpy_s(void* dest, size_t dest_size, const void* src, size_t count) {
 int strncat_s(char* dest, size_t dest_size, const char* src, size_t count) {
   if (dest == nullptr || src == nullptr) return EINVAL;
   const size_t used = strnlen(dest, dest_size);
+  if (used == dest_size) return ERANGE;
   const size_t added = strnlen(src, count);
-  if (used + added >= dest_size) return ERANGE;
+  if (added >= dest_size - used) return ERANGE;
   memcpy(dest + used, src, added);
   dest[used + added] = '\0';
   return 0;
 }
 
 int vsnprintf_s(char* dest, size_t dest_size, size_t count, const char* fmt, va_list args) {
-  if (dest == nullptr || dest_size == 0 || fmt == nullptr) return -1;
-  const int length = vsnprintf(dest, dest_size, fmt, args);
-  const size_t room = count < dest_size ? count : dest_size - 1;
-  if (length >= 0 && static_cast<size_t>(length) <= room) return length;
+  if (dest == nullptr || dest_size == 0) return -1;
+  const int length = fmt == nullptr ? -1 : vsnprintf(dest, dest_size, fmt, args);
+  const size_t limit = count < dest_size ? count : dest_size - 1;
+  if (length >= 0 && static_cast<size_t>(length) <= limit) return length;
   dest[0] = '\0';
   return -1;
 }
