@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
-"""Writes the performance page from the results of bench/measure.py.
+"""Writes performance.md and its pictures from the results of bench/measure.py.
 
-    bench/report.py RESULTS.json DOCS_DIR
+    bench/report.py RESULTS.json FIGURES_DIR
+
+The page holds figures alone; docs/performance.md says in words what they mean. A new section is a
+method of Report that returns Markdown, and its line in SECTIONS; a new goal is a call of goal().
 """
 
 import datetime
@@ -45,9 +48,9 @@ def both(series, values):
 
 
 class Report:
-    def __init__(self, results, docs):
+    def __init__(self, results, directory):
         self.results = results
-        self.docs = docs
+        self.directory = directory
         self.goals = []
 
     def goal(self, work, measured, sign, goal, unit=""):
@@ -56,7 +59,7 @@ class Report:
                            "yes" if met else "**no**"])
 
     def watch(self):
-        page = ""
+        page = "![Cost by number of threads](performance-watch.svg)\n\n"
         times = {name: median(runs) for name, runs in self.results["watch"].items()}
         for work, title in WORKS.items():
             rows = []
@@ -68,8 +71,11 @@ class Report:
                 self.goal(f"{case}, over libevent", own / rivals[0], "≤", 1.0, " ×")
                 self.goal(f"{case}, `timerfd` over it", rivals[1] / own, "≥", 20, " ×")
             page += table([f"{title}: threads", *RIVALS.values()], *rows) + "\n"
-        self.exchanges, self.timerfd = (times[f"{name}"] for name in
-                                        ("exchanges_alone", "start_end/timerfd/threads:1"))
+        exchanges, timerfd = (times[name] for name in
+                              ("exchanges_alone", "start_end/timerfd/threads:1"))
+        page += table(["one thread", "ns"],
+                      ["the atomic exchanges of a pair alone", f"{exchanges:.0f}"],
+                      ["a twentieth of its `timerfd`", f"{timerfd / 20:.0f}"])
         self.goal("start + end with 127 other watches armed, over an empty registry",
                   times["start_end_127_armed/quorvel"] / times["start_end/quorvel/threads:1"],
                   "≤", 1.1, " ×")
@@ -84,6 +90,7 @@ class Report:
         self.goal(f"idle: context switches of the monitor in {quiet['idle_seconds']} s",
                   quiet["idle_switches"], "≤", 0)
         self.goal("armed and quiet: wake-ups a second", quiet["wakeups_per_second"], "≤", 1.01)
+        self.watch_plot()
         return page
 
     def watch_plot(self):
@@ -120,9 +127,11 @@ class Report:
             parked.append([count] + [f"{value:.0f} µs" for times in
                                      both(measured["series"], lambda i: i["parked"]).values()
                                      for value in (median(times), quantiles(times, n=100)[98])])
-        return (table(["threads", *DUMPS.values()], *dumps) +
-                "\nHow long a thread stands still:\n\n" +
-                table(["threads", "first dump: median", "99th percentile", "later: median",
+        self.stacks_plot()
+        return ("![Time of a whole dump](performance-stacks.svg)\n\n" +
+                table([f"threads of {self.results['frames']} frames", *DUMPS.values()], *dumps) +
+                "\n" +
+                table(["a thread stands still: threads", "first dump: median", "99th percentile", "later: median",
                        "99th percentile"], *parked))
 
     def stacks_plot(self):
@@ -162,7 +171,7 @@ class Report:
     def save(self, figure, axis, name):
         axis.legend(loc="center left", bbox_to_anchor=(1, 0.5), frameon=False)
         figure.tight_layout()
-        figure.savefig(f"{self.docs}/performance-{name}.svg", metadata={"Date": None})
+        figure.savefig(f"{self.directory}/performance-{name}.svg", metadata={"Date": None})
 
     def machine(self):
         with open("/proc/cpuinfo") as f:
@@ -175,71 +184,31 @@ class Report:
                 f"{self.results['load']:.1f}")
 
 
-PAGE = """# Performance
+SECTIONS = {
+    "A watch": Report.watch,
+    "The stacks of all threads": Report.stacks,
+    "A whole incident": Report.incident,
+}
 
-What the library costs, beside what one would use instead. This page and its pictures are written by
-`scripts/bench`; run it to have the numbers of your machine.
+HEAD = """<!-- Written by scripts/bench. What the figures mean: docs/performance.md -->
+# Figures: performance
 
 - Run: {date}, `scripts/bench`
 - Machine: {machine}
-- All numbers are medians. What is compared was measured in turns, within the one run.
-
-## Goals
-
-{goals}
-## A watch
-
-![Cost by number of threads](performance-watch.svg)
-
-{watch}Time for each pass, all threads together; in brackets how many times quorvel's. Through
-the installed shared library. Each thread brackets work over and over with a deadline 10 s away. The
-others: an existing event of libevent, added to and deleted from a base with pthread locks, whose
-loop runs in a thread of its own and always has an earlier deadline, so that no add has to wake it;
-a `timerfd` armed and disarmed; a POSIX timer created, armed and deleted. An update arms again. Bars
-in the picture: the middle half of the repetitions.
-
-A pair is five atomic exchanges (the registry's lock twice, the wake-up's once, two counters) and
-little else. Those alone, in a loop of one thread that finds every lock free, take {exchanges:.0f} ns
-here; a twentieth of one thread's `timerfd` is {twentieth:.0f} ns. So the gain over a `timerfd` is what
-the machine's system call costs beside its exchange. And threads share one registry, but each has a
-`timerfd` of its own, which shares nothing: the more processors, the smaller the gain.
-
-A tick is one but for its sleep and the responses, after 64 MB of other memory have been touched. A
-full slot: 127 watches, with the client's own all 128 are armed.
-
-## The stacks of all threads
-
-![Time of a whole dump](performance-stacks.svg)
-
-{stacks}
-Threads of {frames} frames that wait in `pause`. The whole dump with names, as the part of an
-incident that it is, the file on tmpfs, the Android log to `/dev/null`. The first dump of a process
-reads the symbol tables that later ones find again; factors and goals are against the first.
-`eu-stack -p` and `gdb -nx -batch -ex 'thread apply all bt' -p`, from start to end and into a file
-on tmpfs, print the same process, with one thread more: the one that makes quorvel's dump.
-
-## A whole incident
-
-{incident}
-From the trigger to the closed file and the sent event, with 128 threads of {frames} frames, kernel
-and user stacks, the file on tmpfs: a disk adds what its `fsync` takes. The process runs without the
-allocator's cache for each thread, which would count what has been freed as in use.
+- Medians; what is compared was measured in turns, within the one run.
 """
 
 
 def main():
-    results_path, docs = sys.argv[1:]
+    results_path, directory = sys.argv[1:]
     with open(results_path) as f:
-        report = Report(json.load(f), docs)
-    sections = {"watch": report.watch(), "stacks": report.stacks(), "incident": report.incident()}
-    report.watch_plot()
-    report.stacks_plot()
-    with open(f"{docs}/performance.md", "w") as f:
-        f.write(PAGE.format(date=datetime.date.today(), machine=report.machine(),
-                            exchanges=report.exchanges, twentieth=report.timerfd / 20,
-                            frames=report.results["frames"],
-                            goals=table(["work", "measured", "goal", "met"], *report.goals),
-                            **sections))
+        report = Report(json.load(f), directory)
+    sections = {title: write(report) for title, write in SECTIONS.items()}
+    goals = table(["work", "measured", "goal", "met"], *report.goals)
+    with open(f"{directory}/performance.md", "w") as f:
+        f.write(HEAD.format(date=datetime.date.today(), machine=report.machine()))
+        for title, text in {"Goals": goals, **sections}.items():
+            f.write(f"\n## {title}\n\n{text}")
 
 
 if __name__ == "__main__":
