@@ -59,7 +59,7 @@ QuorvelMonitor g_monitor;
 
 // Arms so many watches in the slot that the next tick empties.
 bool FillSlot(int watches) {
-  RegistryLock lock;
+  QuorvelMutexLock lock(&g_registry.lock);
   for (int i = 0; i < watches; ++i) {
     QuorvelNode* node = QuorvelGetFreeNode();
     if (node == nullptr) return false;

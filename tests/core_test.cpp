@@ -62,8 +62,8 @@ TEST(CoreTest, AStartCountsBeforeTheWakeUpAndAForkMayComeWhicheverLockIsHeld) {
   fakes.wake_monitor = [&] { armed_at_wake_up = QuorvelStartedCount() - QuorvelEndedCount(); };
   std::thread other([&] {
     quorvel_init();
-    for (QuorvelShortLock* lock : {&g_registry.lock, &g_registry.wake_lock}) {
-      const QuorvelShortLockGuard guard(lock);
+    for (QuorvelMutex* lock : {&g_registry.lock, &g_wake_up.lock}) {
+      const QuorvelMutexLock guard(lock);
       hold();
     }
     quorvel_end(Start(60));

@@ -8,57 +8,13 @@
 
 #include "base/bounds_checked.h"
 
+QuorvelWakeUp g_wake_up;
+
 namespace {
 
 constexpr uint32_t kQuietTicksBeforeWait = 3;
 
-// Where an idle monitor sleeps. The lock is the condition's alone.
-struct WakeCondition {
-  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  bool signalled = false;
-};
-
-WakeCondition g_wake;
 std::atomic<bool> g_vendor{false};
-
-struct WakeLock : QuorvelShortLockGuard {
-  WakeLock() : QuorvelShortLockGuard(&g_registry.wake_lock) {}
-};
-
-void AwaitSignal() {
-  pthread_mutex_lock(&g_wake.lock);
-  while (!g_wake.signalled) pthread_cond_wait(&g_wake.condition, &g_wake.lock);
-  g_wake.signalled = false;
-  pthread_mutex_unlock(&g_wake.lock);
-}
-
-// One that comes after another has woken the monitor already stays, and ends its next wait at once:
-// it ticks three times more.
-void Signal() {
-  pthread_mutex_lock(&g_wake.lock);
-  g_wake.signalled = true;
-  pthread_cond_signal(&g_wake.condition);
-  pthread_mutex_unlock(&g_wake.lock);
-}
-
-// Sets the waiting flag, unless a start has come since the last tick.
-bool BeginToWait(const QuorvelMonitor& monitor) {
-  WakeLock lock;
-  if (QuorvelStartedCount() != monitor.started_snapshot) return false;
-  g_registry.waiting = 1;
-  return true;
-}
-
-void EndToWait() {
-  WakeLock lock;
-  g_registry.waiting = 0;
-}
-
-bool MonitorWaits() {
-  WakeLock lock;
-  return g_registry.waiting != 0;
-}
 
 // A sleep that a signal cuts short is made up once; a tick never takes more than two.
 void SleepOneTick() {
@@ -100,7 +56,7 @@ bool QuorvelMonitorPass(QuorvelMonitor* monitor) {
 void QuorvelCollectExpired(QuorvelMonitor* monitor) {
   memset_s(monitor->batch, sizeof(monitor->batch), 0, sizeof(monitor->batch));
   monitor->count = 0;
-  RegistryLock lock(QuorvelShortLock::kMicroseconds);
+  QuorvelMutexLock lock(&g_registry.lock);
   while (QuorvelNode* node = QuorvelFirstExpired()) {
     QuorvelUnlinkNode(node);
     monitor->batch[monitor->count++] = CopyOf(*node);
@@ -119,22 +75,27 @@ bool QuorvelCountIdleTick(QuorvelMonitor* monitor) {
 }
 
 void QuorvelWaitForStart(QuorvelMonitor* monitor) {
-  if (BeginToWait(*monitor)) {
-    AwaitSignal();
-    EndToWait();
-  }
   monitor->idle_ticks = 0;
+  QuorvelMutexLock lock(&g_wake_up.lock);
+  if (QuorvelStartedCount() != monitor->started_snapshot) return;
+  g_wake_up.waiting = 1;
+  g_wake_up.condition.Wait(&g_wake_up.lock);
+  g_wake_up.waiting = 0;
 }
 
 void QuorvelWakeMonitor() {
-  if (MonitorWaits()) Signal();
+  QuorvelMutexLock lock(&g_wake_up.lock);
+  if (g_wake_up.waiting != 0) g_wake_up.condition.Signal();
 }
 
 void QuorvelSetVendor(bool is_vendor) {
   g_vendor.store(is_vendor, std::memory_order_relaxed);
 }
 
-void QuorvelResetMonitorAfterFork() {
-  g_wake = WakeCondition();
+// No other thread exists that could touch what the lock guards.
+void QuorvelResetMonitorInChild() QUORVEL_NO_THREAD_SAFETY_ANALYSIS {
+  g_wake_up.lock.ResetInChild();
+  g_wake_up.condition.ResetInChild();
+  g_wake_up.waiting = 0;
   QuorvelResetResponseAfterFork();
 }

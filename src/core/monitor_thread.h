@@ -6,22 +6,32 @@
 //     start call                              monitor, after three quiet ticks
 //     ----------                              --------------------------------
 //     link the watch, under the registry lock
-//     started + 1                             take the wake lock
-//     take the wake lock                      started as recorded at the last tick?
-//     waiting?                                  no:  let go, tick on
-//     let go; signal if it was set              yes: waiting = 1, let go, wait for the signal
-//                                                    waiting = 0 under the lock, tick on
+//     started + 1                             lock the wake lock
+//     lock the wake lock                      started as recorded at the last tick?
+//     waiting? signal the wake condition        no:  unlock, tick on
+//     unlock                                    yes: waiting = 1, wait, waiting = 0, unlock,
+//                                                    tick on
 //
-// A start that counts before the comparison keeps the monitor ticking; one that counts after it
-// finds the flag set and signals; the signal stays until the monitor has taken it. No two of the
-// registry lock, the wake lock and that of the wake condition are ever held together.
+// A start that counts before the comparison keeps the monitor ticking. One that counts after it
+// locks the wake lock after the monitor has unlocked it for the wait: it finds the flag set and
+// signals. A wait that ends by itself costs three ticks. The registry lock and the wake lock are
+// never held together.
 #ifndef QUORVEL_CORE_MONITOR_THREAD_H_
 #define QUORVEL_CORE_MONITOR_THREAD_H_
 
 #include <cstdint>
 
+#include "base/mutex.h"
 #include "core/timeout_response.h"
 #include "core/watch_registry.h"
+
+// Where an idle monitor waits for a start.
+struct QuorvelWakeUp {
+  alignas(kCacheLine) QuorvelMutex lock;
+  QuorvelCondition condition;
+  int32_t waiting QUORVEL_GUARDED_BY(lock) = 0;  // not 0 while the monitor waits
+};
+extern QuorvelWakeUp g_wake_up;
 
 // What the monitor thread owns; no other thread touches it.
 struct QuorvelMonitor {
@@ -52,7 +62,7 @@ void QuorvelWakeMonitor();
 // Whether the executable lies under /vendor, for the log directory and the recovery properties.
 void QuorvelSetVendor(bool is_vendor);
 
-// In the child of a fork: renews the wake condition and the state of the layers below.
-void QuorvelResetMonitorAfterFork();
+// In the child of a fork: as if no monitor had ever run. Resets the layers below as well.
+void QuorvelResetMonitorInChild();
 
 #endif  // QUORVEL_CORE_MONITOR_THREAD_H_

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <string>
 
+#include "base/mutex.h"
 #include "core/monitor_thread.h"
 #include "core/watch_registry.h"
 #include "log/log_tag.h"
@@ -20,7 +21,7 @@ constexpr int32_t kMinTimeout = 1;
 constexpr int32_t kMaxTimeout = 60;
 constexpr char kVendorPrefix[] = "/vendor";
 
-pthread_mutex_t g_init_lock = PTHREAD_MUTEX_INITIALIZER;
+QuorvelMutex g_init_lock;
 
 // Set under the init lock once registry and monitor stand; read without it. Release and acquire
 // make whoever sees it set see them built.
@@ -34,9 +35,9 @@ bool Initialised() {
 // it starts anew with the child's own quorvel_init.
 void StartAnewInChild() {
   g_initialised.store(false, std::memory_order_relaxed);
-  g_init_lock = PTHREAD_MUTEX_INITIALIZER;
-  QuorvelResetRegistryAfterFork();
-  QuorvelResetMonitorAfterFork();
+  g_init_lock.ResetInChild();
+  QuorvelResetRegistryInChild();
+  QuorvelResetMonitorInChild();
 }
 
 void RegisterForkHandler() {
@@ -65,10 +66,9 @@ void quorvel_init() {
   // leave a child that can init itself.
   static pthread_once_t once = PTHREAD_ONCE_INIT;
   pthread_once(&once, RegisterForkHandler);
-  pthread_mutex_lock(&g_init_lock);
+  QuorvelMutexLock lock(&g_init_lock);
   if (!Initialised()) QuorvelManagerInit();
   RefreshVendorFlag();
-  pthread_mutex_unlock(&g_init_lock);
 }
 
 uint32_t __quorvel_start_ex(const char* name, int32_t timeout, QuorvelCallback callback, void* arg,
@@ -80,7 +80,7 @@ uint32_t __quorvel_start_ex(const char* name, int32_t timeout, QuorvelCallback c
   const int32_t tid = gettid();
   uint32_t id = QUORVEL_INVALID_ID;
   {
-    RegistryLock lock;
+    QuorvelMutexLock lock(&g_registry.lock);
     if (QuorvelNode* node = QuorvelGetFreeNode()) {
       id = node->id;
       node->name = name;
@@ -104,7 +104,7 @@ uint32_t __quorvel_start_ex(const char* name, int32_t timeout, QuorvelCallback c
 
 uint32_t quorvel_update(uint32_t id, int32_t timeout) {
   if (!Initialised() || !QuorvelIdHasIndex(id)) return QUORVEL_INVALID_ID;
-  RegistryLock lock;
+  QuorvelMutexLock lock(&g_registry.lock);
   QuorvelNode* node = QuorvelFindNode(id);
   if (node == nullptr || !QuorvelTimeoutFits(timeout)) return QUORVEL_INVALID_ID;
   QuorvelUnlinkNode(node);
@@ -120,7 +120,7 @@ void quorvel_end(uint32_t id) {
   }
   bool ended = false;
   {
-    RegistryLock lock;
+    QuorvelMutexLock lock(&g_registry.lock);
     if (QuorvelNode* node = QuorvelFindNode(id)) {
       QuorvelUnlinkNode(node);
       QuorvelReleaseNode(node);

@@ -3,6 +3,7 @@
 QuorvelRegistry g_registry;
 
 void QuorvelBuildRegistry() {
+  QuorvelMutexLock lock(&g_registry.lock);
   QuorvelMakeEmpty(&g_registry.free_list);
   for (int32_t i = 0; i < kPoolSize; ++i) {
     QuorvelClearNode(&g_registry.pool[i], i);
@@ -12,9 +13,7 @@ void QuorvelBuildRegistry() {
   for (QuorvelLink& slot : g_registry.wheel) QuorvelMakeEmpty(&slot);
 }
 
-void QuorvelResetRegistryAfterFork() {
-  g_registry.lock.LetGo();
-  g_registry.wake_lock.LetGo();
-  g_registry.waiting = 0;
+void QuorvelResetRegistryInChild() {
+  g_registry.lock.ResetInChild();
   g_registry.ended.store(g_registry.started.load());
 }

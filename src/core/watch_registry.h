@@ -2,10 +2,9 @@
 // exactly one circular list: the free list, or one of the 64 slots of the timing wheel, one slot a
 // second. The cursor names the slot that the monitor empties at its next tick.
 //
-// Threads: the registry lock guards pool, lists and cursor; the wake lock, the waiting flag. Every
-// operation below that is not said to be free of it must be called with the lock held. Each takes
-// constant time; none allocates, blocks or calls out. The two counters are atomics and need no
-// lock.
+// Threads: the registry lock guards the pool, the lists and the cursor; the two counters are
+// atomics and need no lock. Every operation takes constant time; none allocates, blocks or calls
+// out.
 #ifndef QUORVEL_CORE_WATCH_REGISTRY_H_
 #define QUORVEL_CORE_WATCH_REGISTRY_H_
 
@@ -15,7 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/short_lock.h"
+#include "base/mutex.h"
 
 constexpr int32_t kPoolSize = 128;
 constexpr int32_t kWheelSlots = 64;
@@ -40,29 +39,20 @@ struct QuorvelNode {
   QuorvelLink link;
 };
 
-// The registry's state. What all starts and ends share, beside the watches' own nodes and slots,
-// lies on one cache line of 64 bytes. Only the functions of this room touch it, and those of
-// monitor_thread the wake-up's; it stands here so that a start and an end need no call for each
-// step.
-struct QuorvelRegistry {
-  alignas(64) QuorvelShortLock lock;
-  QuorvelShortLock wake_lock;  // guards waiting; see monitor_thread.h
-  int32_t waiting = 0;
-  int32_t cursor = 0;
-  std::atomic<uint32_t> started{0};
-  std::atomic<uint32_t> ended{0};
-  QuorvelLink free_list = {&free_list, &free_list};
-  alignas(64) QuorvelLink wheel[kWheelSlots] = {};
-  alignas(64) QuorvelNode pool[kPoolSize] = {};
-};
-static_assert(offsetof(QuorvelRegistry, wheel) == 64, "one cache line");
-extern QuorvelRegistry g_registry;
+constexpr size_t kCacheLine = 64;  // bytes, on x86-64 and nearly all 64-bit ARM
 
-// Holds the registry lock for its scope.
-struct RegistryLock : QuorvelShortLockGuard {
-  explicit RegistryLock(QuorvelShortLock::Hold hold = QuorvelShortLock::kInstructions)
-      : QuorvelShortLockGuard(&g_registry.lock, hold) {}
+// The registry's state. Only the functions of this component touch it; it stands in the header so
+// that a start and an end need no call for each step.
+struct QuorvelRegistry {
+  alignas(kCacheLine) QuorvelMutex lock;
+  int32_t cursor QUORVEL_GUARDED_BY(lock) = 0;
+  std::atomic<uint32_t> started{0};
+  QuorvelLink free_list QUORVEL_GUARDED_BY(lock) = {&free_list, &free_list};
+  std::atomic<uint32_t> ended{0};
+  alignas(kCacheLine) QuorvelLink wheel[kWheelSlots] QUORVEL_GUARDED_BY(lock) = {};
+  alignas(kCacheLine) QuorvelNode pool[kPoolSize] QUORVEL_GUARDED_BY(lock) = {};
 };
+extern QuorvelRegistry g_registry;
 
 // The circular lists. A head that points to itself is an empty list.
 inline void QuorvelMakeEmpty(QuorvelLink* head) {
@@ -87,7 +77,7 @@ inline QuorvelNode* QuorvelNodeOf(QuorvelLink* link) {
 }
 
 // Puts every node on the free list in index order, empties the wheel, sets the cursor to slot 0.
-void QuorvelBuildRegistry();
+void QuorvelBuildRegistry() QUORVEL_EXCLUDES(g_registry.lock);
 
 // Watches started successfully and nodes released, since the process started, modulo 2^32. Their
 // difference is the number of armed watches. Sequentially consistent; no lock needed.
@@ -105,13 +95,13 @@ inline uint32_t QuorvelEndedCount() {
 }
 
 // Takes a node off whatever list it is on.
-inline void QuorvelUnlinkNode(QuorvelNode* node) {
+inline void QuorvelUnlinkNode(QuorvelNode* node) QUORVEL_REQUIRES(g_registry.lock) {
   node->link.prev->next = node->link.next;
   node->link.next->prev = node->link.prev;
 }
 
 // Takes the head of the free list off it and forms its id; null when no node is free.
-inline QuorvelNode* QuorvelGetFreeNode() {
+inline QuorvelNode* QuorvelGetFreeNode() QUORVEL_REQUIRES(g_registry.lock) {
   if (QuorvelIsEmpty(g_registry.free_list)) return nullptr;
   QuorvelNode* node = QuorvelNodeOf(g_registry.free_list.next);
   QuorvelUnlinkNode(node);
@@ -121,14 +111,15 @@ inline QuorvelNode* QuorvelGetFreeNode() {
 }
 
 // Whether the wheel has a slot for timeout: not negative, and cursor + timeout fits in 32 bits.
-inline bool QuorvelTimeoutFits(int32_t timeout) {
+inline bool QuorvelTimeoutFits(int32_t timeout) QUORVEL_REQUIRES(g_registry.lock) {
   int32_t deadline;
   return timeout >= 0 && !__builtin_add_overflow(g_registry.cursor, timeout, &deadline);
 }
 
 // Links a node that is on no list into slot (cursor + timeout) mod 64, at the tail. timeout must
 // have passed QuorvelTimeoutFits.
-inline void QuorvelInsertWheel(QuorvelNode* node, int32_t timeout) {
+inline void QuorvelInsertWheel(QuorvelNode* node, int32_t timeout)
+    QUORVEL_REQUIRES(g_registry.lock) {
   const int32_t slot = (g_registry.cursor + timeout) % kWheelSlots;
   QuorvelAppendTail(&g_registry.wheel[slot], &node->link);
 }
@@ -140,7 +131,7 @@ inline bool QuorvelIdHasIndex(uint32_t id) {
 
 // The armed node that carries exactly this id; null when the watch was ended, has expired or never
 // was. The id must have an index.
-inline QuorvelNode* QuorvelFindNode(uint32_t id) {
+inline QuorvelNode* QuorvelFindNode(uint32_t id) QUORVEL_REQUIRES(g_registry.lock) {
   QuorvelNode* node = &g_registry.pool[id & kIdIndexMask];
   return node->id == id ? node : nullptr;
 }
@@ -153,26 +144,25 @@ inline void QuorvelClearNode(QuorvelNode* node, int32_t index) {
 }
 
 // Clears a node that is on no list and appends it to the free list. The caller counts it with
-// QuorvelCountEnded, before or after letting go of the lock.
-inline void QuorvelReleaseNode(QuorvelNode* node) {
+// QuorvelCountEnded, before or after it unlocks.
+inline void QuorvelReleaseNode(QuorvelNode* node) QUORVEL_REQUIRES(g_registry.lock) {
   QuorvelClearNode(node, node->index);
   QuorvelAppendTail(&g_registry.free_list, &node->link);
 }
 
 // The node that has been longest in the slot under the cursor; null when the slot is empty.
-inline QuorvelNode* QuorvelFirstExpired() {
+inline QuorvelNode* QuorvelFirstExpired() QUORVEL_REQUIRES(g_registry.lock) {
   QuorvelLink& slot = g_registry.wheel[g_registry.cursor];
   return QuorvelIsEmpty(slot) ? nullptr : QuorvelNodeOf(slot.next);
 }
 
 // Moves the cursor one slot on.
-inline void QuorvelAdvanceCursor() {
+inline void QuorvelAdvanceCursor() QUORVEL_REQUIRES(g_registry.lock) {
   g_registry.cursor = (g_registry.cursor + 1) % kWheelSlots;
 }
 
-// In the child of a fork, whose one thread may have forked while another held a lock: lets go of
-// both and counts every watch of the parent as ended. The lists stay as they are until the next
-// build.
-void QuorvelResetRegistryAfterFork();
+// In the child of a fork, whose parent's other threads may have held the lock: unlocks it and
+// counts every watch of the parent as ended. The lists stay as they are until the next build.
+void QuorvelResetRegistryInChild();
 
 #endif  // QUORVEL_CORE_WATCH_REGISTRY_H_

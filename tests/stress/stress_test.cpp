@@ -403,7 +403,7 @@ void VerifyRound() {
     ASSERT_LT(time(nullptr), deadline) << g_started << '-' << g_ended << '-' << g_fired << " wait";
     sched_yield();
   }
-  RegistryLock lock;
+  QuorvelMutexLock lock(&g_registry.lock);
   std::set<QuorvelNode*> nodes;
   while (QuorvelNode* node = QuorvelGetFreeNode()) ASSERT_TRUE(nodes.insert(node).second);
   ASSERT_EQ(nodes.size(), static_cast<size_t>(kPoolSize));
