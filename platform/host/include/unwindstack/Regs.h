@@ -22,6 +22,8 @@ class Regs {
     return ARCH_X86_64;
 #elif defined(__aarch64__)
     return ARCH_ARM64;
+#elif defined(__arm__)
+    return ARCH_ARM;  // only compiled, see scripts/device-check: the host layer cannot unwind there
 #else
 #error "the host's unwinder knows x86-64 and aarch64"
 #endif
@@ -44,6 +46,8 @@ class Regs {
 
 #if defined(__x86_64__)
   static constexpr size_t kFp = 6, kSp = 7, kPc = 16, kCount = 17;
+#elif defined(__arm__)
+  static constexpr size_t kFp = 11, kSp = 13, kLr = 14, kPc = 15, kCount = 16;
 #else
   static constexpr size_t kFp = 29, kLr = 30, kSp = 31, kPc = 32, kCount = 33;
 #endif
@@ -57,7 +61,7 @@ class Regs {
  private:
   Regs() = default;
 
-  uint64_t values_[kCount] = {};
+  uintptr_t values_[kCount] = {};
 };
 
 }  // namespace unwindstack

@@ -36,6 +36,17 @@ __attribute__((always_inline)) inline void RegsGetLocal(Regs* regs) {
       :
       : [data] "r"(data)
       : "rax", "memory");
+#elif defined(__arm__)
+  asm volatile(
+      "stmia %[data], {r0-r12}\n\t"
+      "str sp, [%[data], #52]\n\t"
+      "str lr, [%[data], #56]\n\t"
+      "adr r12, 0f\n"
+      "0:\n\t"
+      "str r12, [%[data], #60]\n\t"
+      :
+      : [data] "r"(data)
+      : "r12", "memory");
 #else
   asm volatile(
       "stp x0, x1, [%[data], #0]\n\t"
