@@ -27,6 +27,7 @@ SHORT = "--short" in sys.argv
 REPETITIONS, MIN_TIME = (1, 0.002) if SHORT else (15, 0.1)
 ROUNDS, THREAD_COUNTS = (1, (4,)) if SHORT else (7, (4, 32, 128))
 IDLE_SECONDS, ARMED_TICKS = (1, 2) if SHORT else (60, 20)
+PAIRS_A_ROUND = 20 if SHORT else 1500
 
 
 def expect(condition, what):
@@ -88,6 +89,20 @@ def google_benchmark(build, program):
         name = re.sub(r"/(real_time|manual_time|iterations:\d+|repeats:\d+)", "", run["name"])
         times.setdefault(name, []).append(run["real_time"])
     return times, sum(run.get("allocations", 0) for run in runs)
+
+
+def crowded_core(build):
+    """{case: {rival: [each round's figures]}} of lock_bench; an empty list where the kernel refused
+    a case."""
+    lines = subprocess.check_output([f"{build}/bench/lock_bench", str(PAIRS_A_ROUND)], text=True,
+                                    stderr=subprocess.DEVNULL).splitlines()
+    cases = {}
+    for line in map(json.loads, lines):
+        expect(line.get("refused", True) is True, f"{line}")
+        rounds = cases.setdefault(line["case"], {}).setdefault(line["rival"], [])
+        if "p99" in line:
+            rounds.append({key: line[key] for key in ("median", "p99")})
+    return cases
 
 
 class Target:
@@ -165,6 +180,7 @@ def main():
     results = {"load": os.getloadavg()[0], "frames": FRAMES}
     monitor = Monitor(build)
     results["watch"], _ = google_benchmark(build, "watch_bench")
+    results["crowded"] = crowded_core(build)
     results["tick"], results["allocations"] = google_benchmark(build, "tick_bench")
     results["incidents"] = {count: measure_incidents(build, count) for count in THREAD_COUNTS}
     results["library"] = library_size(build)

@@ -3,76 +3,24 @@
 // seconds away, which never comes.
 
 #include <benchmark/benchmark.h>
-#include <event2/event.h>
-#include <event2/thread.h>
-#include <quorvel/quorvel.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "rivals.h"
 
 namespace {
 
-constexpr int kSeconds = 10;
-constexpr int kMovedSeconds = 11;
 constexpr int kPoolSize = 128;
-
-class QuorvelWatch {
- public:
-  bool Start() {
-    id_ = __quorvel_start_ex("work", kSeconds, nullptr, nullptr, QUORVEL_FLAG_LOG);
-    return id_ != QUORVEL_INVALID_ID;
-  }
-  bool Update() { return quorvel_update(id_, kMovedSeconds) == id_; }
-  bool End() {
-    quorvel_end(id_);
-    return true;
-  }
-
- private:
-  uint32_t id_ = QUORVEL_INVALID_ID;
-};
-
-// A loop that runs in a thread of its own, with locks, as a service has it. It ticks once a second,
-// as quorvel's monitor does; so it always has an earlier deadline than the timers of the bench, and
-// adding one of those never has to wake it: the cheapest that libevent can do.
-event_base* RunningLoop() {
-  static event_base* const base = [] {
-    evthread_use_pthreads();
-    event_base* made = event_base_new();
-    const timeval second = {1, 0};
-    event_add(event_new(
-                  made, -1, EV_PERSIST, [](evutil_socket_t, short, void*) {}, nullptr),
-              &second);
-    std::thread([made] { event_base_dispatch(made); }).detach();
-    return made;
-  }();
-  return base;
-}
-
-class LibeventTimer {
- public:
-  LibeventTimer()
-      : event_(event_new(
-            RunningLoop(), -1, EV_TIMEOUT, [](evutil_socket_t, short, void*) {}, nullptr)) {}
-  ~LibeventTimer() { event_free(event_); }
-  bool Start() { return Add(kSeconds); }
-  bool Update() { return Add(kMovedSeconds); }
-  bool End() { return event_del(event_) == 0; }
-
- private:
-  bool Add(int seconds) {
-    const timeval timeout = {seconds, 0};
-    return event_add(event_, &timeout) == 0;
-  }
-  event* const event_;
-};
 
 class TimerFd {
  public:
@@ -122,26 +70,62 @@ void Bracket(benchmark::State& state) {
 }
 
 struct alignas(64) {
-  std::atomic<uint32_t> lock, wake_lock, started, ended;
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<uint32_t> started{0}, ended{0};
+  alignas(64) pthread_mutex_t wake_lock = PTHREAD_MUTEX_INITIALIZER;
 } g_shared;
 
-void TakeAndLetGo(std::atomic<uint32_t>* lock) {
-  for (uint32_t free = 0; !lock->compare_exchange_weak(free, 1, std::memory_order_acquire);) {
-    free = 0;
-  }
-  lock->store(0, std::memory_order_release);
+void LockAndUnlock(pthread_mutex_t* mutex) {
+  pthread_mutex_lock(mutex);
+  pthread_mutex_unlock(mutex);
 }
 
-// What no start and end can be without: their atomic exchanges, in the order in which they make
-// them, and nothing else. One thread's, which finds every lock free.
-void ExchangesAlone(benchmark::State& state) {
+// What no start and end can be without: their eight operations on locks and counters, in order, and
+// nothing else.
+void LocksAndCountersAlone(benchmark::State& state) {
   for (auto _ : state) {
-    TakeAndLetGo(&g_shared.lock);
+    LockAndUnlock(&g_shared.lock);
     g_shared.started.fetch_add(1);
-    TakeAndLetGo(&g_shared.wake_lock);
-    TakeAndLetGo(&g_shared.lock);
+    LockAndUnlock(&g_shared.wake_lock);
+    LockAndUnlock(&g_shared.lock);
     g_shared.ended.fetch_add(1);
   }
+}
+
+// Work of a thread's own that takes as long on every call, however many threads there are.
+void Work(int turns) {
+  for (int i = 0; i < turns; ++i) benchmark::ClobberMemory();
+}
+
+// How many turns take 1.5 microseconds: by the fastest of many tries, which nothing interrupted.
+int TurnsOfWork() {
+  static const int turns = [] {
+    using Clock = std::chrono::steady_clock;
+    constexpr int kTried = 100'000;
+    constexpr double kNanoseconds = 1500;
+    double fastest = 1e12;
+    for (int i = 0; i < 100; ++i) {
+      const Clock::time_point start = Clock::now();
+      Work(kTried);
+      const std::chrono::duration<double, std::nano> taken = Clock::now() - start;
+      fastest = std::min(fastest, taken.count());
+    }
+    return static_cast<int>(kNanoseconds * kTried / fastest);
+  }();
+  return turns;
+}
+
+template <class Timer>
+void BracketWork(benchmark::State& state) {
+  const int turns = TurnsOfWork();
+  Timer timer;
+  bool ok = true;
+  for (auto _ : state) {
+    ok &= timer.Start();
+    ok &= timer.End();
+    Work(turns);
+  }
+  if (!ok) state.SkipWithError("a call failed");
 }
 
 // With every other node of the pool armed, far enough ahead not to expire meanwhile.
@@ -166,6 +150,13 @@ void Register(const char* name) {
       ->UseRealTime();
 }
 
+template <class Timer>
+void RegisterWork(const char* name) {
+  benchmark::RegisterBenchmark((std::string("work/") + name).c_str(), BracketWork<Timer>)
+      ->ThreadRange(2, 8)
+      ->UseRealTime();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -174,8 +165,10 @@ int main(int argc, char** argv) {
   Register<LibeventTimer>("libevent");
   Register<TimerFd>("timerfd");
   Register<PosixTimer>("posix_timer");
+  RegisterWork<QuorvelWatch>("quorvel");
+  RegisterWork<LibeventTimer>("libevent");
   benchmark::RegisterBenchmark("start_end_127_armed/quorvel", StartEndAmongOthers)->UseRealTime();
-  benchmark::RegisterBenchmark("exchanges_alone", ExchangesAlone)->UseRealTime();
+  benchmark::RegisterBenchmark("locks_and_counters_alone", LocksAndCountersAlone)->UseRealTime();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
