@@ -166,6 +166,11 @@ def measure_incidents(build, threads):
     return result
 
 
+def measure_ways_to_unwind(build):
+    """Microseconds of each way's unwinds of one thread: {way: [each unwind's]}."""
+    return json.loads(subprocess.check_output([f"{build}/bench/unwind_ways_bench", str(ROUNDS)]))
+
+
 def library_size(build):
     with tempfile.NamedTemporaryFile() as stripped:
         subprocess.run(["strip", "-o", stripped.name, f"{build}/src/libquorvel.so"], check=True)
@@ -183,6 +188,7 @@ def main():
     results["crowded"] = crowded_core(build)
     results["tick"], results["allocations"] = google_benchmark(build, "tick_bench")
     results["incidents"] = {count: measure_incidents(build, count) for count in THREAD_COUNTS}
+    results["ways_to_unwind"] = measure_ways_to_unwind(build)
     results["library"] = library_size(build)
     monitor.thread.join()
     expect(monitor.result, "the monitor thread cannot be seen, or does not tick")

@@ -199,6 +199,12 @@ class Report:
                       *[[f"heap in use after incident {n}, over that before the first",
                          f"{heap(n):.0f}"] for n in (1, 2, 3, 10)]))
 
+    def ways_to_unwind(self):
+        rows = [[way, f"{median(times):.0f} µs", f"{quantiles(times, n=100)[98]:.0f} µs"]
+                for way, times in self.results["ways_to_unwind"].items()]
+        return table([f"one thread of {self.results['frames']} frames", "median",
+                      "99th percentile"], *rows)
+
     def save(self, figure, axis, name):
         axis.legend(loc="center left", bbox_to_anchor=(1, 0.5), frameon=False)
         figure.tight_layout()
@@ -219,6 +225,7 @@ SECTIONS = {
     "A watch": Report.watch,
     "The stacks of all threads": Report.stacks,
     "A whole incident": Report.incident,
+    "Ways to unwind": Report.ways_to_unwind,
 }
 
 HEAD = """<!-- Written by scripts/bench. What the figures mean: docs/performance.md -->
