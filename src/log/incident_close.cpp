@@ -49,16 +49,13 @@ std::string EventCommand(const std::string& program) {
   return "Z=copy_systrace_to_cache+quorvel+" + program;
 }
 
-bool TraceEnabled() {
-  return (atrace_get_enabled_tags() & ATRACE_TAG_HAL) != 0;
-}
-
-// A section that ends as soon as it begins; the tag may be switched off in between.
+// A section that ends as soon as it begins. Each call tests the tag, which may be switched off in
+// between.
 void LeaveTraceMarker(const std::string& program) {
   const std::string text = "quorvel_event_sync :pid=" + std::to_string(getpid()) +
                            " currTime=" + std::to_string(time(nullptr)) + " module=" + program;
-  if (TraceEnabled()) atrace_begin_body(text.c_str());
-  if (TraceEnabled()) atrace_end_body();
+  atrace_begin(ATRACE_TAG_HAL, text.c_str());
+  atrace_end(ATRACE_TAG_HAL);
 }
 
 }  // namespace

@@ -9,6 +9,12 @@
 
 #include <string>
 
+// Called by the inline functions of the header alone, which declares them nowhere else.
+extern "C" {
+void atrace_begin_body(const char* name);
+void atrace_end_body(void);
+}
+
 namespace {
 
 void WriteMarker(const std::string& text) {

@@ -11,11 +11,25 @@
 extern "C" {
 #endif
 
-// The tags that the property debug.atrace.tags.enableflags switches on.
+// The tags that the property debug.atrace.tags.enableflags switches on, read afresh by each call.
 uint64_t atrace_get_enabled_tags(void);
 
-void atrace_begin_body(const char* name);
-void atrace_end_body(void);
+// Begins a section of the calling thread if one of the tags is enabled. As in the platform's
+// header, the function that writes it is declared only here, so that nobody else can call it.
+static inline void atrace_begin(uint64_t tag, const char* name) {
+  if ((atrace_get_enabled_tags() & tag) != 0) {
+    void atrace_begin_body(const char*);
+    atrace_begin_body(name);
+  }
+}
+
+// Ends the innermost section of the calling thread if one of the tags is enabled.
+static inline void atrace_end(uint64_t tag) {
+  if ((atrace_get_enabled_tags() & tag) != 0) {
+    void atrace_end_body(void);
+    atrace_end_body();
+  }
+}
 
 #ifdef __cplusplus
 }
