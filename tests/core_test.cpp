@@ -241,7 +241,8 @@ TEST(CoreTest, FiveExitsAreFreeAndThenOneEachHalfHour) {
                                                        {"-1,0", "-1,0"}};
   for (const auto& [before, after] : cases) {
     test_root::SetProperty("odm.quorvel.rec.97", before);
-    EXPECT_EXIT((QuorvelRecover(true), _exit(7)), ExitedWithCode(after == before ? 7 : 1),
+    EXPECT_EXIT((LetLogReachDeathTest(), QuorvelRecover(true), _exit(7)),
+                ExitedWithCode(after == before ? 7 : 1),
                 " I QUORVEL : quorvel recovery limit count:-?[0-9]+ last happen time:[0-9]+\n");
     EXPECT_EQ(test_root::PropertyText("odm.quorvel.rec.97"), after);
   }

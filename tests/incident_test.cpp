@@ -134,7 +134,8 @@ TEST_F(Incident, TheRateLimitsCountOutlivesEveryPeriod) {
 }
 
 TEST_F(Incident, WithoutNamesItFallsBackAndHasNoEvent) {
-  setenv("TZ", "UTC", 1);
+  setenv("TZ", "QVT-5:30", 1);
+  tzset();
   SetProperty("ro.product.brand", "brand");
   SetProperty("ro.build.tags", "tags");
   fakes.time = [] { return time_t{1763315480}; };
@@ -145,27 +146,12 @@ TEST_F(Incident, WithoutNamesItFallsBackAndHasNoEvent) {
     QuorvelEndLog();
   }
   EXPECT_EQ(Logged(),
-            Texts({"Sun Nov 16 17:51:20 2025\n", "timeout tid: 42\n", "time start: ",
+            Texts({"Sun Nov 16 23:21:20 2025\n", "timeout tid: 42\n", "time start: ",
                    "Build fingerprint: "
                    "brand/unknown/unknown:unknown/unknown/unknown:unknown/tags\n",
                    "QuorvelInsertLogTitle get_watched_process_info fail\n",
                    ">>> exe:" + std::filesystem::read_symlink("/proc/self/exe").string() + " <<<\n",
                    "get dravik config fail, skip...\n", "get progname is nullptr\n"}));
-}
-
-TEST_F(Incident, ALogThatNobodyReadsAnyMoreEndsNothing) {
-  const auto run = [](bool filtered) {
-    int ends[2];
-    if (filtered && !RefuseNewCalls()) _exit(1);
-    __android_log_set_logger(nullptr);
-    QuorvelPrintLine("while it is read");
-    if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) == -1 || close(ends[0]) != 0) _exit(1);
-    QuorvelPrintLine("into a pipe without a reader");
-    _exit(0);
-  };
-  for (const bool filtered : {false, !Emulated()}) {
-    EXPECT_EXIT(run(filtered), testing::ExitedWithCode(0), " W QUORVEL : while it is read\n");
-  }
 }
 
 TEST_F(Incident, ALineIsKeptWholeOrNotAtAll) {

@@ -1,71 +1,50 @@
-// The Android log on stderr. Runs in signal handlers, on threads that hold any lock: what it needs
-// comes from a few static slots, or from the kernel when they are all taken.
+// The Android log on standard error. Runs in signal handlers, on threads that hold any lock and on
+// small stacks: everything it needs is on the stack, some 3 KiB with the formatting.
 
 #include <android/log.h>
 #include <errno.h>
-#include <poll.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <iterator>
+#include <numeric>
 
 #include "local_time.h"
+#include "standard_error.h"
 
 namespace {
 
-constexpr size_t kTextSize = 8192;
-constexpr size_t kOutputSize = 16384;
+constexpr size_t kMaxText = 1023;  // as the device's log has it
+constexpr size_t kMaxTag = 64;
+constexpr size_t kMinTag = 8;
+constexpr int kMinIdWidth = 5;
 constexpr size_t kPrefixSize = 128;
-constexpr int kSlots = 4;
-
-// One message on its way: its text, and the lines made of it.
-struct Slot {
-  std::atomic<bool> taken;
-  char text[kTextSize];
-  char output[kOutputSize];
-};
-Slot g_slots[kSlots];
+constexpr unsigned kMaxLinesPerWrite = 64;  // more do not fit into one piece with their prefixes
+constexpr int64_t kNanosPerMilli = 1'000'000;
+constexpr unsigned kDecimalBase = 10;
 
 std::atomic<__android_logger_function> g_logger{nullptr};
-
-Slot* TakeSlot() {
-  for (Slot& slot : g_slots) {
-    if (!slot.taken.exchange(true, std::memory_order_acquire)) return &slot;
-  }
-  void* memory =
-      mmap(nullptr, sizeof(Slot), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return memory == MAP_FAILED ? nullptr : static_cast<Slot*>(memory);
-}
-
-void GiveBack(Slot* slot) {
-  if (slot >= g_slots && slot < g_slots + kSlots) {
-    slot->taken.store(false, std::memory_order_release);
-  } else {
-    munmap(slot, sizeof(Slot));
-  }
-}
 
 char LetterOf(int priority) {
   constexpr char kLetters[] = "??VDIWEF";
   return priority >= 0 && priority <= ANDROID_LOG_FATAL ? kLetters[priority] : '?';
 }
 
-// A decimal number of at least width characters. Formatting by printf would take longer than all
-// the rest of a message.
-char* AppendNumber(char* out, int value, int width, char fill) {
+// Appends a decimal number of at least width characters. Formatting it by printf would take longer
+// than all the rest of a message.
+char* AppendNumber(char* out, unsigned value, int width, char fill) {
   char digits[16];
   int length = 0;
   do {
-    digits[length++] = static_cast<char>('0' + value % 10);
-    value /= 10;
+    digits[length++] = static_cast<char>('0' + value % kDecimalBase);
+    value /= kDecimalBase;
   } while (value != 0);
   while (length < width) digits[length++] = fill;
   while (length > 0) *out++ = digits[--length];
@@ -79,155 +58,166 @@ char* AppendText(char* out, const char* text, size_t min_length, size_t max_leng
   return out + std::max(length, min_length);
 }
 
-// As in "11-22 19:10:00.123  1234  1240 E QUORVEL : "; returns its length.
-size_t FormatPrefix(const __android_log_message& message, char (&prefix)[kPrefixSize]) {
+char* AppendTime(char* out) {
   struct timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   const struct tm local = LocalTimeAt(now.tv_sec);
-  const int milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
+  const int milliseconds = static_cast<int>(now.tv_nsec / kNanosPerMilli);
   const struct {
     int value;
     int width;
     char separator;
   } numbers[] = {{local.tm_mon + 1, 2, '-'}, {local.tm_mday, 2, ' '}, {local.tm_hour, 2, ':'},
                  {local.tm_min, 2, ':'},     {local.tm_sec, 2, '.'},  {milliseconds, 3, ' '}};
-  char* out = prefix;
   for (const auto& number : numbers) {
-    out = AppendNumber(out, number.value, number.width, '0');
+    out = AppendNumber(out, static_cast<unsigned>(number.value), number.width, '0');
     *out++ = number.separator;
   }
-  for (const int id : {getpid(), gettid()}) {
-    out = AppendNumber(out, id, 5, ' ');
-    *out++ = ' ';
-  }
-  *out++ = LetterOf(message.priority);
-  *out++ = ' ';
-  out = AppendText(out, message.tag != nullptr ? message.tag : "", 8, 64);
-  out = AppendText(out, ": ", 2, 2);
-  return static_cast<size_t>(out - prefix);
+  return out;
 }
 
-// A write to a pipe that nobody reads any more would raise a signal in the host process, which the
-// device's log never does.
-bool SomebodyReads() {
-  struct pollfd descriptor = {STDERR_FILENO, 0, 0};
-  struct timespec at_once = {0, 0};
-  syscall(SYS_ppoll, &descriptor, 1, &at_once, nullptr, 0);
-  return (descriptor.revents & (POLLERR | POLLNVAL)) == 0;
-}
+// What every line begins with, as in "11-22 19:10:00.123  1234  1240 E QUORVEL : ".
+struct Prefix {
+  char text[kPrefixSize];
+  size_t length;
 
-// Since Linux 6.18 a write can do without the signal, which spares the question. Where that is
-// refused once, for the kernel's age, a filter or the kind of file, it is not tried again. By the
-// kernel's own calls: the C library's are points where a thread may be cancelled.
-long WriteWithoutSignal(const char* data, size_t length) {
-  constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL, which no header of this age declares
-  static std::atomic<bool> refused{false};
-  if (!refused.load(std::memory_order_relaxed)) {
-    const struct iovec piece = {const_cast<char*>(data), length};
-    const long written = syscall(SYS_pwritev2, STDERR_FILENO, &piece, 1, -1L, -1L, kNoSignal);
-    if (written != -1 || errno == EINTR || errno == EAGAIN || errno == EPIPE) return written;
-    refused.store(true, std::memory_order_relaxed);
-  }
-  return SomebodyReads() ? syscall(SYS_write, STDERR_FILENO, data, length) : 0;
-}
-
-void WriteAll(const char* data, size_t length) {
-  while (length > 0) {
-    const long written = WriteWithoutSignal(data, length);
-    if (written == -1 && errno == EINTR) continue;
-    if (written <= 0) return;
-    data += written;
-    length -= static_cast<size_t>(written);
-  }
-}
-
-// Gathers lines and writes them at the end: in one write, unless there are more than fit.
-class Output {
- public:
-  explicit Output(char* buffer) : buffer_(buffer) {}
-  ~Output() { WriteAll(buffer_, used_); }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-
-  void Append(const char* data, size_t length) {
-    while (length > 0) {
-      if (used_ == kOutputSize) {
-        WriteAll(buffer_, used_);
-        used_ = 0;
-      }
-      const size_t part = std::min(length, kOutputSize - used_);
-      memcpy(buffer_ + used_, data, part);
-      used_ += part;
-      data += part;
-      length -= part;
+  Prefix(int priority, const char* tag) {
+    char* out = AppendTime(text);
+    for (const int id : {getpid(), gettid()}) {
+      out = AppendNumber(out, static_cast<unsigned>(id), kMinIdWidth, ' ');
+      *out++ = ' ';
     }
+    *out++ = LetterOf(priority);
+    *out++ = ' ';
+    out = AppendText(out, tag != nullptr ? tag : "", kMinTag, kMaxTag);
+    *out++ = ':';
+    *out++ = ' ';
+    length = static_cast<size_t>(out - text);
+  }
+};
+
+// Lines that could not be written and have not been reported yet, and whether the last write ended
+// within a line.
+std::atomic<unsigned> g_discarded_lines{0};
+std::atomic<bool> g_line_is_cut{false};
+
+struct iovec PartOf(const char* data, size_t length) {
+  return {const_cast<char*>(data), length};
+}
+
+// True when all of it was written.
+bool WriteParts(struct iovec* parts, int count, bool may_wait) {
+  const size_t size =
+      std::accumulate(parts, parts + count, size_t{0},
+                      [](size_t sum, const struct iovec& part) { return sum + part.iov_len; });
+  const size_t written = WriteToStandardError(parts, count, may_wait);
+  if (written > 0 && written < size) g_line_is_cut.store(true, std::memory_order_relaxed);
+  return written == size;
+}
+
+// Says how many lines are missing at this place. False when that cannot be written either. Nothing
+// is waited for, as the last wait has been in vain.
+bool ReportDiscardedLines(unsigned lines) {
+  constexpr char kReport[] = " lines of this log were discarded: they could not be written\n";
+  const Prefix prefix(ANDROID_LOG_WARN, "log");
+  const bool line_is_cut = g_line_is_cut.exchange(false, std::memory_order_relaxed);
+  char count[16];
+  const size_t digits = static_cast<size_t>(AppendNumber(count, lines, 0, ' ') - count);
+  struct iovec parts[] = {PartOf("\n", line_is_cut ? 1 : 0), PartOf(prefix.text, prefix.length),
+                          PartOf(count, digits), PartOf(kReport, strlen(kReport))};
+  const bool written = WriteParts(parts, static_cast<int>(std::size(parts)), false);
+  if (!written && line_is_cut) g_line_is_cut.store(true, std::memory_order_relaxed);
+  return written;
+}
+
+// Writes the lines, after a report of those that are missing before them, or counts them as missing
+// too.
+void WriteOrDiscard(struct iovec* parts, int count, unsigned lines) {
+  const unsigned missing = g_discarded_lines.exchange(0, std::memory_order_relaxed);
+  const bool reported = missing == 0 || ReportDiscardedLines(missing);
+  if (reported && WriteParts(parts, count, true)) return;
+  g_discarded_lines.fetch_add(reported ? lines : missing + lines, std::memory_order_relaxed);
+}
+
+// The lines of a message that go out in one piece: as many as fit.
+class Piece {
+ public:
+  explicit Piece(const Prefix& prefix) : prefix_(prefix) {}
+
+  // With its newline, if the line has one. False, and nothing changes, when there is no room.
+  bool Append(const char* line, size_t length) {
+    const size_t size = prefix_.length + length;
+    if (lines_ == kMaxLinesPerWrite || size_ + size + 1 > kMaxPiece) return false;
+    parts_[count_++] = PartOf(prefix_.text, prefix_.length);
+    parts_[count_++] = PartOf(line, length);
+    size_ += size;
+    ++lines_;
+    return true;
+  }
+
+  void EndWithNewline() { parts_[count_++] = PartOf("\n", 1); }
+
+  void Write() {
+    if (lines_ > 0) WriteOrDiscard(parts_, count_, lines_);
+    count_ = 0;
+    size_ = 0;
+    lines_ = 0;
   }
 
  private:
-  char* buffer_;
-  size_t used_ = 0;
+  const Prefix& prefix_;
+  struct iovec parts_[2 * kMaxLinesPerWrite + 1];
+  int count_ = 0;
+  size_t size_ = 0;
+  unsigned lines_ = 0;
 };
 
-void WriteLines(const __android_log_message& message, char* buffer) {
-  char prefix[kPrefixSize];
-  const size_t prefix_length = FormatPrefix(message, prefix);
-  Output output(buffer);
+void WriteLines(const __android_log_message& message) {
+  const Prefix prefix(message.priority, message.tag);
+  Piece piece(prefix);
   const char* line = message.message;
+  const char* const end = line + strnlen(line, kMaxText);
   do {
-    const char* end = strchrnul(line, '\n');
-    output.Append(prefix, prefix_length);
-    output.Append(line, static_cast<size_t>(end - line));
-    output.Append("\n", 1);
-    line = *end == '\n' ? end + 1 : end;
-  } while (*line != '\0');
+    const void* const newline = memchr(line, '\n', static_cast<size_t>(end - line));
+    const char* const next = newline != nullptr ? static_cast<const char*>(newline) + 1 : end;
+    const size_t length = static_cast<size_t>(next - line);
+    if (!piece.Append(line, length)) {
+      piece.Write();
+      piece.Append(line, length);
+    }
+    if (newline == nullptr) piece.EndWithNewline();
+    line = next;
+  } while (line != end);
+  piece.Write();
 }
 
-void Deliver(const __android_log_message& message, Slot* slot) {
+void Deliver(const __android_log_message& message) {
+  const int saved_errno = errno;
   if (const __android_logger_function logger = g_logger.load(std::memory_order_acquire)) {
     logger(&message);
   } else {
-    WriteLines(message, slot->output);
+    WriteLines(message);
   }
+  errno = saved_errno;
 }
 
 }  // namespace
 
-// Fills in the text of a message. False when it cannot be formatted.
-static bool FormatText(Slot* slot, const char* fmt, va_list args) {
-  const int length = vsnprintf(slot->text, sizeof(slot->text), fmt, args);
-  if (length >= static_cast<int>(sizeof(slot->text))) {
-    memcpy(slot->text + sizeof(slot->text) - sizeof("..."), "...", sizeof("..."));
-  }
-  return length >= 0;
-}
-
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
   const int saved_errno = errno;
-  Slot* slot = TakeSlot();
-  if (slot == nullptr) return -ENOMEM;
+  char text[kMaxText + 1];
   va_list args;
   va_start(args, fmt);
-  __android_log_message message = {sizeof(message), 0, prio, tag, nullptr, 0, slot->text};
-  bool formatted = true;
-  if (strcmp(fmt, "%s") == 0) {
-    message.message = va_arg(args, const char*);
-  } else {
-    formatted = FormatText(slot, fmt, args);
-  }
+  const int length = vsnprintf(text, sizeof(text), fmt, args);
   va_end(args);
-  if (formatted) Deliver(message, slot);
-  GiveBack(slot);
   errno = saved_errno;
-  return formatted ? 1 : -EINVAL;
+  if (length < 0) return -EINVAL;
+  Deliver({sizeof(__android_log_message), 0, prio, tag, nullptr, 0, text});
+  return 1;
 }
 
 void __android_log_write_log_message(struct __android_log_message* log_message) {
-  const int saved_errno = errno;
-  if (Slot* slot = TakeSlot()) {
-    Deliver(*log_message, slot);
-    GiveBack(slot);
-  }
-  errno = saved_errno;
+  Deliver(*log_message);
 }
 
 void __android_log_set_logger(__android_logger_function logger) {

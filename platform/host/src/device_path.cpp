@@ -4,7 +4,18 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "standard_error.h"
+
 namespace {
+
+constexpr size_t kMaxLine = 1000;
+
+void SayNotAbsolute(const char* variable) {
+  std::string line = std::string("quorvel: QUORVEL_HOST_ROOT is not an absolute path: ") + variable;
+  line = line.substr(0, kMaxLine) + "; the real root is used\n";
+  struct iovec part = {&line[0], line.size()};
+  WriteToStandardError(&part, 1, true);
+}
 
 // Without slashes at its end; empty for the real root. Never destroyed: the monitor thread may need
 // it while exit handlers run.
@@ -14,9 +25,7 @@ const std::string& Root() {
     const char* variable = secure_getenv("QUORVEL_HOST_ROOT");
     if (variable == nullptr || variable[0] == '\0') return value;
     if (variable[0] != '/') {
-      const std::string line = std::string("quorvel: QUORVEL_HOST_ROOT is not an absolute path: ") +
-                               variable + "; the real root is used\n";
-      if (write(STDERR_FILENO, line.data(), line.size()) < 0) return value;
+      SayNotAbsolute(variable);
       return value;
     }
     *value = variable;

@@ -1,7 +1,13 @@
-// Stand-in for the platform's <android/log.h>: messages go to stderr as `logcat -v threadtime`
-// shows them.
+// Stand-in for the platform's <android/log.h>: messages go to standard error, each line as
+// `logcat -v threadtime` shows it, the lines of a message in one write.
 //
-// Any thread, and signal handlers: takes no lock, allocates nothing, leaves errno alone.
+// It is best effort. Nothing raises a signal; a reader that does not read is waited for no longer
+// than 100 ms, and several times in a row no longer than one second, then a tenth of the time. What
+// cannot be written is discarded, and the number of lines is reported when writing works again.
+// Descriptor 2 is written to while it is what it was when the library was loaded, or has become a
+// terminal, a pipe, another character device or a file opened for appending.
+//
+// Any thread, and signal handlers: takes no lock, allocates nothing, leaves errno as it was.
 #ifndef QUORVEL_HOST_ANDROID_LOG_H_
 #define QUORVEL_HOST_ANDROID_LOG_H_
 
@@ -33,8 +39,8 @@ struct __android_log_message {
 
 typedef void (*__android_logger_function)(const struct __android_log_message* log_message);
 
-// Logs one message, printf-style. Returns 1 when it was handed on, a negative number when it could
-// not be formatted. Text of up to 4 KiB is never cut; longer text may be, and then ends in "...".
+// Logs one message, printf-style, cut at 1023 characters as on the device. Returns 1, or a negative
+// number when it could not be formatted.
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 

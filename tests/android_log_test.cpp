@@ -1,0 +1,248 @@
+// The Android log on standard error, and what it must not do to the process whose it is.
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "support/surroundings.h"
+#include "support/test_root.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+void Log(const std::string& text) {
+  __android_log_print(ANDROID_LOG_ERROR, "TEST", "%s", text.c_str());
+}
+
+bool IsPending(int signal) {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, signal) == 1;
+}
+
+class AndroidLog : public testing::Test {
+ protected:
+  ~AndroidLog() override {
+    dup2(own_stderr_, STDERR_FILENO);
+    for (const int fd : {own_stderr_, reader_, writer_}) close(fd);
+  }
+
+  // From here on standard error is the end of a pipe, of which the test holds the other.
+  void UsePipe() {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    Use(ends[0], ends[1]);
+  }
+  void UseTerminal() {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_TRUE(grantpt(master) == 0 && unlockpt(master) == 0);
+    Use(master, open(ptsname(master), O_RDWR | O_NOCTTY));
+  }
+  void Use(int reader, int writer) {
+    close(std::exchange(reader_, reader));
+    close(std::exchange(writer_, writer));
+    ASSERT_NE(dup2(writer, STDERR_FILENO), -1);
+  }
+  // All that was written and has not been read yet.
+  std::string ReadAll() {
+    fcntl(reader_, F_SETFL, O_NONBLOCK);
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(reader_, buffer, sizeof(buffer))) > 0;) {
+      text.append(buffer, static_cast<size_t>(count));
+    }
+    return text;
+  }
+  // Runs the body in a process of its own, whose kernel may be old; true when it returns true.
+  static bool InChild(bool old_kernel, const std::function<bool()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (old_kernel && !RefuseNewCalls()) _exit(2);
+      alarm(60);
+      _exit(body() ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    return status == 0;
+  }
+
+  const int own_stderr_ = dup(STDERR_FILENO);
+  int reader_ = -1, writer_ = -1;
+};
+
+TEST_F(AndroidLog, EveryLineOfAMessageHasTheLocalTimeTheIdsThePriorityAndTheTag) {
+  UsePipe();
+  const time_t now = time(nullptr);
+  __android_log_print(ANDROID_LOG_INFO, "TEST", "one\n\n%d", 3);
+  __android_log_print(ANDROID_LOG_WARN, "A_LONGER_TAG", "two\n");
+  char minutes[32];
+  strftime(minutes, sizeof(minutes), "%m-%d %H:%M", localtime(&now));
+  std::string ids(16, '\0');
+  ids.resize(static_cast<size_t>(
+      snprintf(&ids[0], ids.size(), "%5d %5d", getpid(), static_cast<int>(syscall(SYS_gettid)))));
+  const std::string text = ReadAll(), prefix = ":[0-9][0-9].[0-9][0-9][0-9] " + ids;
+  const std::string info = ".*" + prefix + " I TEST    : ";
+  EXPECT_THAT(text, MatchesRegex(info + "one\n" + info + "\n" + info + "3\n.*" + prefix +
+                                 " W A_LONGER_TAG: two\n"));
+  EXPECT_THAT(text, HasSubstr(minutes));
+}
+
+TEST_F(AndroidLog, AMessageIsCutWhereTheDeviceCutsIt) {
+  UsePipe();
+  Log(std::string(1024, 'x'));
+  EXPECT_THAT(ReadAll(), testing::EndsWith(" E TEST    : " + std::string(1023, 'x') + "\n"));
+}
+
+TEST_F(AndroidLog, ANullTextOrTagEndsNothing) {
+  UsePipe();
+  const char* const volatile nothing = nullptr;
+  __android_log_print(ANDROID_LOG_ERROR, nothing, "%s", nothing);
+  EXPECT_THAT(ReadAll(), testing::EndsWith(" E         : (null)\n"));
+}
+
+TEST_F(AndroidLog, LinesOfSeveralThreadsDoNotMix) {
+  UsePipe();
+  std::thread threads[4];
+  for (std::thread& thread : threads) {
+    thread = std::thread([] {
+      for (int i = 0; i < 40; ++i) Log("abcdefghijklmnopqrstuvwxyz\nABCDEFGHIJKLMNOPQRSTUVWXYZ");
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::string text = ReadAll();
+  const auto count = [&text](const std::string& part) {
+    size_t found = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != text.npos; ++at) ++found;
+    return found;
+  };
+  EXPECT_EQ(count(" E TEST    : abcdefghijklmnopqrstuvwxyz\n"), 160u);
+  EXPECT_EQ(count(" E TEST    : ABCDEFGHIJKLMNOPQRSTUVWXYZ\n"), 160u);
+  EXPECT_EQ(count("\n"), 320u);
+}
+
+// A reader that does not read, and how it comes to that.
+struct Silence {
+  const char* name;
+  bool terminal;
+  bool stopped;
+  bool old_kernel;
+};
+
+class AndroidLogTest : public AndroidLog, public testing::WithParamInterface<Silence> {};
+
+TEST_P(AndroidLogTest, ASilentReaderIsWaitedForOnlyAMomentAndTheMissingLinesAreCounted) {
+  const Silence& silence = GetParam();
+  if (Emulated()) GTEST_SKIP() << "under emulation: refuses no calls";
+  silence.terminal ? UseTerminal() : UsePipe();
+  if (silence.stopped) tcflow(STDERR_FILENO, TCOOFF);
+  const int flags = fcntl(STDERR_FILENO, F_GETFL);
+  EXPECT_TRUE(InChild(silence.old_kernel, [&] {
+    std::thread threads[4];  // race for the last room
+    const time_t begin = time(nullptr);
+    for (std::thread& thread : threads) {
+      thread = std::thread([] {
+        for (int i = 0; i < 500; ++i) Log(std::string(90, 'x'));
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    if (time(nullptr) - begin > 5 || fcntl(STDERR_FILENO, F_GETFL) != flags) return false;
+    if (silence.stopped) tcflow(STDERR_FILENO, TCOON);
+    const std::string before = ReadAll();
+    Log("read again");
+    const std::string after = ReadAll();
+    const auto written = std::count(before.begin(), before.end(), '\n');
+    const std::string missing = std::to_string(2000 - written) + " lines of this log were disc";
+    return after.find(missing) < after.find("read again\n");
+  }));
+}
+
+INSTANTIATE_TEST_SUITE_P(, AndroidLogTest,
+                         testing::Values(Silence{"Pipe", false, false, false},
+                                         Silence{"PipeOfAnOldKernel", false, false, true},
+                                         Silence{"Terminal", true, false, false},
+                                         Silence{"StoppedTerminal", true, true, false}),
+                         [](const auto& silence) { return silence.param.name; });
+
+TEST_F(AndroidLog, AReaderThatHasLeftEndsNothingAndLeavesNoSignal) {
+  for (const bool old_kernel : {false, !Emulated()}) {
+    UsePipe();
+    close(reader_);
+    EXPECT_TRUE(InChild(old_kernel, [] {
+      Log("with the signal's default action");
+      sigset_t mask;
+      sigemptyset(&mask);
+      sigaddset(&mask, SIGPIPE);
+      pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+      Log("with the signal blocked");
+      return !IsPending(SIGPIPE);
+    }));
+  }
+}
+
+TEST_F(AndroidLog, ASignalThatWasPendingBeforeIsPendingAfterwards) {
+  for (const bool to_process : {false, true}) {
+    UsePipe();
+    close(reader_);
+    EXPECT_TRUE(InChild(!Emulated(), [to_process] {
+      sigset_t mask;
+      sigemptyset(&mask);
+      sigaddset(&mask, SIGPIPE);
+      pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+      to_process ? kill(getpid(), SIGPIPE) : raise(SIGPIPE);
+      Log("into a pipe without a reader");
+      const timespec at_once = {0, 0};
+      return sigtimedwait(&mask, nullptr, &at_once) == SIGPIPE && !IsPending(SIGPIPE);
+    }));
+  }
+}
+
+TEST_F(AndroidLog, AFileOrSocketThatTookTheNumberIsLeftAlone) {
+  const std::string path = test_root::Path("/data/precious");
+  test_root::WriteFile(path, "untouched");
+  Use(-1, open(path.c_str(), O_RDWR));
+  Log("into a file of the host's");
+  EXPECT_EQ(test_root::ReadFile(path), "untouched");
+
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  Use(ends[0], ends[1]);
+  Log("into a connection of the host's");
+  EXPECT_EQ(ReadAll(), "");
+}
+
+TEST_F(AndroidLog, AFileOpenedForAppendingIsWrittenTo) {
+  const std::string path = test_root::Path("/data/turned_over.log");
+  Use(-1, open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600));
+  Log("into the next log of a daemon");
+  EXPECT_THAT(test_root::ReadFile(path), HasSubstr("into the next log of a daemon\n"));
+}
+
+// Runs itself.
+TEST_F(AndroidLog, WhatStandardErrorWasAtLoadIsWrittenTo) {
+  if (getenv("QUORVEL_TEST_CLIENT") != nullptr) {
+    Log("as at load");
+    _exit(0);
+  }
+  const std::string path = test_root::Path("/data/at_load");
+  const std::string self = "/proc/" + std::to_string(getpid()) + "/exe --gtest_filter=*.WhatStand*";
+  EXPECT_EQ(system(("QUORVEL_TEST_CLIENT=1 " + self + " > /dev/null 2> " + path).c_str()), 0);
+  EXPECT_THAT(test_root::ReadFile(path), HasSubstr(" E TEST    : as at load\n"));
+}
+
+}  // namespace
