@@ -131,8 +131,9 @@ TEST_F(Core, A128WatchesAreArmedAtOnceAndNodesAreUsedInTurn) {
                                         "E/QUORVEL: quorvel_end: not valid id 0xfe80\n"));
   EXPECT_EQ(Start(60) % 512, 5u);
   {
-    quorvel::Watch watch("n", 60, 0), moved(std::move(watch));
-    EXPECT_TRUE(!watch.Update(1) && moved.Update(1) && moved.id() % 512 == 0);
+    quorvel::Watch watch("n", std::chrono::seconds(60)), moved(std::move(watch));
+    EXPECT_TRUE(!watch.Update(std::chrono::seconds(1)) && moved.Update(std::chrono::seconds(1)) &&
+                moved.id() % 512 == 0);
     watch = std::move(moved);
   }
   EXPECT_EQ(QuorvelStartedCount() - QuorvelEndedCount(), 127u);

@@ -19,16 +19,16 @@ echo "-- exactly the listed symbols are exported, under the name that programs l
 diff "$source/tests/exported_symbols.txt" <("$nm" -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
 readelf -d "$library" | grep -q 'SONAME.*\[libquorvel.so\]'
 
-echo "-- C99 and C++11 by pkg-config, find_package"
+echo "-- C99 and C++17 by pkg-config, find_package"
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig  # flags are lists of words below
 strict="-Wall -Wextra -Wpedantic -Werror"
 flags="$(pkg-config --cflags --libs quorvel) $link_flags -pthread"
 # shellcheck disable=SC2086
 "$cc" -std=c99 $strict $c_flags "$source/examples/hang_service.c" $flags -o "$stage/service"
 # shellcheck disable=SC2086
-"$cxx" -x c++ -std=c++11 $strict $cxx_flags - $flags -o "$stage/idle" <<<'
+"$cxx" -x c++ -std=c++17 $strict $cxx_flags - $flags -o "$stage/idle" <<<'
 #include <quorvel/watch.hpp>
-int main() { return quorvel::Watch("", 1, 0).armed(); }'
+int main() { return quorvel::Watch("", std::chrono::seconds(1)).armed(); }'
 cmake -G Ninja -S "$source/tests/outside" -B "$stage/outside" -Dquorvel_DIR="$prefix/lib/cmake/quorvel" \
   ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} -DCMAKE_C_COMPILER="$cc" \
   -DCMAKE_C_FLAGS="$c_flags" >/dev/null

@@ -1,0 +1,448 @@
+// C++ watches whose callables are called, ended, dropped, moved and forked, in every order.
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <quorvel/watch.hpp>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "core/monitor_thread.h"
+#include "support/fakes.h"
+#include "support/log_capture.h"
+#include "support/surroundings.h"
+
+namespace {
+
+using quorvel::Flags;
+using quorvel::Watch;
+using std::chrono::seconds;
+using State = Watch::State;
+
+constexpr seconds kSecond{1};
+constexpr uint32_t kForkedIds = 16;  // a race forks for one watch of so many
+
+// The test is the monitor: it steps the ticks, or has another thread step them.
+class WatchHpp : public testing::Test {
+ protected:
+  WatchHpp() {
+    fakes.pthread_create = [](void* (*)(void*)) { return 0; };
+    quorvel_init();
+    for (int32_t slot = 0; slot < kWheelSlots; ++slot) QuorvelCollectExpired(&monitor_);
+  }
+
+  // Every watch of one second that is armed now expires.
+  void Expire() {
+    QuorvelMonitorPass(&monitor_);
+    QuorvelMonitorPass(&monitor_);
+  }
+
+  // From now on the incidents of watches with a log are dropped.
+  void SpendRateLimit() {
+    fakes.time = [] { return time_t{2'000'000'000}; };
+    for (int i = 0; i < 7; ++i) {
+      const Watch watch("spent", kSecond, quorvel::kLog);
+      Expire();
+    }
+  }
+
+  // The callables that hold a copy of life_.
+  long Alive() const { return life_.use_count() - 1; }
+
+  const std::shared_ptr<int> life_ = std::make_shared<int>(0);
+  QuorvelMonitor monitor_;
+  ScopedFakes restore_;
+  LogCapture log_;
+};
+
+// Whether the function succeeds in a child of a fork before a deadline.
+bool SucceedsInChild(const std::function<void()>& function) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);
+    function();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+// A callable that tells that it has begun, and returns when it is allowed to.
+struct Gate {
+  void Pass() {
+    begun = true;
+    while (!open) std::this_thread::yield();
+  }
+  void AwaitBegin() const {
+    while (!begun) std::this_thread::yield();
+  }
+  std::atomic<bool> begun{false}, open{false};
+};
+
+TEST_F(WatchHpp, ACallableEndedInTimeIsDestroyedAndNotCalled) {
+  Watch watch("n", kSecond, [life = life_] { ++*life; });
+  EXPECT_EQ(watch.state(), State::kArmed);
+  EXPECT_EQ(Alive(), 1);
+  EXPECT_EQ(watch.End(), State::kEnded);
+  EXPECT_EQ(Alive(), 0);
+  Expire();
+  EXPECT_EQ(*life_, 0);
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(WatchHpp, ACallableIsCalledOnceAndKeptUntilTheEnd) {
+  Watch watch("n", kSecond, [life = life_] { ++*life; });
+  Expire();
+  EXPECT_TRUE(watch.fired());
+  EXPECT_EQ(watch.state(), State::kCalled);
+  EXPECT_EQ(Alive(), 1);
+  EXPECT_FALSE(watch.Update(kSecond));
+  EXPECT_EQ(watch.End(), State::kFired);
+  EXPECT_TRUE(watch.fired());
+  EXPECT_EQ(Alive(), 0);
+  EXPECT_EQ(*life_, 1);
+  EXPECT_FALSE(log_.Has("alrealy release"));
+}
+
+TEST_F(WatchHpp, ACallableThatTheRateLimitDropsIsDestroyedAtTheEnd) {
+  SpendRateLimit();
+  Watch watch(
+      "n", kSecond, [life = life_] { ++*life; }, QUORVEL_FLAG_LOG);
+  Expire();
+  EXPECT_FALSE(watch.fired());
+  EXPECT_EQ(watch.End(), State::kExpired);
+  EXPECT_EQ(Alive(), 0);
+  EXPECT_EQ(*life_, 0);
+}
+
+TEST_F(WatchHpp, ALateCallFindsNeitherItsOwnCallableNorTheNextOneInItsPlace) {
+  Watch late, next;
+  Watch first("first", kSecond, [&] {
+    EXPECT_EQ(late.End(), State::kExpired);  // collected in the same tick
+    EXPECT_EQ(Alive(), 0);
+    next = Watch("next", kSecond, [life = life_] { *life = 2; });
+  });
+  late = Watch("late", kSecond, [life = life_] { *life = 1; });
+  Expire();
+  EXPECT_EQ(*life_, 0);
+  EXPECT_EQ(next.state(), State::kArmed);
+}
+
+TEST_F(WatchHpp, AnEndWaitsForACallableThatRuns) {
+  Gate gate;
+  std::atomic<bool> returned{false};
+  Watch watch("n", kSecond, [&, life = life_] {
+    gate.Pass();
+    usleep(20000);  // an End that does not wait is through by now
+    EXPECT_EQ(life.use_count(), 2);
+    returned = true;
+  });
+  std::thread monitor([this] { Expire(); });
+  gate.AwaitBegin();
+  EXPECT_TRUE(watch.fired());
+  gate.open = true;
+  errno = EDOM;
+  EXPECT_EQ(watch.End(), State::kFired);
+  EXPECT_EQ(errno, EDOM);
+  EXPECT_TRUE(returned);
+  EXPECT_EQ(Alive(), 0);
+  monitor.join();
+}
+
+TEST_F(WatchHpp, ACallableThatEndsItsOwnWatchOutlivesItsCall) {
+  Watch watch;
+  watch = Watch("n", kSecond, [&watch, this, life = life_] {
+    EXPECT_EQ(watch.End(), State::kFired);
+    EXPECT_EQ(Alive(), 1);
+    ++*life;
+  });
+  Expire();
+  EXPECT_EQ(*life_, 1);
+  EXPECT_EQ(Alive(), 0);
+}
+
+TEST_F(WatchHpp, ACallableMayReplaceItsOwnWatch) {
+  Watch watch;
+  watch = Watch("n", kSecond, [&watch, life = life_] {
+    ++*life;
+    watch = Watch("again", kSecond, [life] { *life += 10; });
+  });
+  Expire();
+  EXPECT_EQ(watch.state(), State::kArmed);
+  Expire();
+  EXPECT_EQ(*life_, 11);
+  EXPECT_EQ(watch.End(), State::kFired);
+  EXPECT_EQ(Alive(), 0);
+}
+
+TEST_F(WatchHpp, AWatchMovedWhileItsCallableRunsIsTheOneThatWaits) {
+  Gate gate;
+  std::atomic<bool> returned{false};
+  Watch watch("n", kSecond, [&] {
+    gate.Pass();
+    returned = true;
+  });
+  std::thread monitor([this] { Expire(); });
+  gate.AwaitBegin();
+  Watch moved(std::move(watch));
+  EXPECT_EQ(watch.End(), State::kNone);  // NOLINT(bugprone-use-after-move): defined to be empty
+  EXPECT_EQ(moved.state(), State::kCalled);
+  gate.open = true;
+  EXPECT_EQ(moved.End(), State::kFired);
+  EXPECT_TRUE(returned);
+  monitor.join();
+}
+
+TEST_F(WatchHpp, AnAssignmentEndsTheWatchThatItReplaces) {
+  Watch watch("old", kSecond, [life = life_] { *life = 1; });
+  watch = Watch("new", kSecond, [life = life_] { *life = 2; });
+  EXPECT_EQ(Alive(), 1);
+  Expire();
+  EXPECT_EQ(*life_, 2);
+}
+
+TEST_F(WatchHpp, AChildOfAForkDestroysItsCopyAndEndsNothing) {
+  Watch watch("n", seconds(2), [life = life_] { ++*life; });
+  EXPECT_TRUE(SucceedsInChild([&] {
+    quorvel_init();
+    const Watch own("own", seconds(60), [] {});
+    log_.Clear();
+    EXPECT_FALSE(watch.Update(kSecond));
+    EXPECT_EQ(watch.End(), State::kNone);
+    EXPECT_EQ(Alive(), 0);
+    EXPECT_TRUE(log_.Lines().empty());
+    EXPECT_EQ(own.state(), State::kArmed);
+  }));
+  EXPECT_EQ(Alive(), 1);
+  Expire();
+  Expire();
+  EXPECT_EQ(*life_, 1);
+}
+
+TEST_F(WatchHpp, AChildDoesNotWaitForACallableThatRanInTheParent) {
+  Gate gate;
+  Watch watch("n", kSecond, [&gate, life = life_] { gate.Pass(); });
+  std::thread monitor([this] { Expire(); });
+  gate.AwaitBegin();
+  EXPECT_TRUE(SucceedsInChild([&] {
+    EXPECT_EQ(watch.End(), State::kNone);
+    EXPECT_EQ(Alive(), 1) << "half-run";
+    Watch own("own", kSecond, [life = life_] { ++*life; });
+    EXPECT_EQ(own.state(), State::kRefused);
+  }));
+  gate.open = true;
+  monitor.join();
+}
+
+TEST_F(WatchHpp, AForkFromTheCallableLeavesBothSidesTheirCopy) {
+  bool succeeded = false;
+  Watch watch;
+  watch = Watch("n", kSecond, [&, life = life_] {
+    succeeded = SucceedsInChild([&] {
+      EXPECT_EQ(watch.End(), State::kNone);
+      EXPECT_EQ(life.use_count(), 2) << "it runs in the child as well";
+    });
+  });
+  Expire();
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(watch.End(), State::kFired);
+  EXPECT_EQ(Alive(), 0);
+}
+
+TEST_F(WatchHpp, ATimeoutOutsideItsRangeIsRefusedHoweverLarge) {
+  Watch armed("n", kSecond);
+  for (const int64_t count : {int64_t{0}, int64_t{-1}, int64_t{61}, (int64_t{1} << 32) + 1}) {
+    Watch watch("n", seconds(count), [life = life_] { ++*life; });
+    EXPECT_EQ(watch.state(), State::kRefusedTimeout) << count;
+    EXPECT_EQ(Watch("n", seconds(count)).state(), State::kRefusedTimeout) << count;
+    EXPECT_FALSE(armed.Update(seconds(count))) << count;
+    EXPECT_EQ(watch.End(), State::kRefusedTimeout);
+  }
+  EXPECT_EQ(Alive(), 0);
+  Expire();
+  EXPECT_FALSE(armed.Update(kSecond)) << "a refused update moved the deadline";
+}
+
+TEST_F(WatchHpp, ARefusedStartDestroysItsCallableAndFreesItsBlock) {
+  std::vector<Watch> full(kPoolSize);
+  for (Watch& watch : full) watch = Watch("n", seconds(60));
+  for (size_t i = 0; i <= quorvel::detail::kCallableBlocks; ++i) {
+    const Watch watch("n", kSecond, [life = life_] { ++*life; });
+    ASSERT_EQ(watch.state(), State::kRefused);
+  }
+  EXPECT_EQ(Alive(), 0);
+}
+
+TEST_F(WatchHpp, ExpiredWatchesThatNobodyEndsUseUpTheBlocksUntilOneIsEnded) {
+  std::vector<Watch> held;
+  for (size_t i = 0; i < quorvel::detail::kCallableBlocks; ++i) {
+    if (i % kPoolSize == 0) Expire();
+    held.emplace_back("n", kSecond, [life = life_] { ++*life; });
+  }
+  Expire();
+  Watch watch("n", kSecond, [life = life_] { ++*life; });
+  EXPECT_EQ(watch.state(), State::kRefusedCallable);
+  held.pop_back();
+  watch = Watch("n", kSecond, [life = life_] { ++*life; });
+  EXPECT_EQ(watch.state(), State::kArmed);
+  EXPECT_EQ(*life_, static_cast<int>(quorvel::detail::kCallableBlocks));
+}
+
+// A callable that tells where it lies.
+template <size_t kBytes, size_t kAlignment>
+struct Located {
+  void operator()() const { *where = this; }
+  const void** where;
+  std::shared_ptr<int> life;
+  alignas(kAlignment) std::array<char, kBytes - sizeof(where) - sizeof(life)> filling;
+};
+
+template <class Callable>
+bool RunsInTheTable(const std::function<void()>& expire, const std::shared_ptr<int>& life) {
+  const void* where = nullptr;
+  const Watch watch("n", kSecond, Callable{&where, life, {}});
+  expire();
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(where) % alignof(Callable), 0u);
+  const auto* const table = reinterpret_cast<const char*>(&quorvel::detail::g_callables);
+  return where >= table && where < table + sizeof(quorvel::detail::g_callables);
+}
+
+TEST_F(WatchHpp, OnlyLargeAndOveralignedCallablesAreAllocated) {
+  const auto expire = [this] { Expire(); };
+  EXPECT_TRUE((RunsInTheTable<Located<48, 8>>(expire, life_)));
+  EXPECT_FALSE((RunsInTheTable<Located<49, 8>>(expire, life_)));
+  EXPECT_FALSE((RunsInTheTable<Located<32, 64>>(expire, life_)));
+  EXPECT_EQ(Alive(), 0);
+}
+
+TEST_F(WatchHpp, AnEmptyFunctionCountsAsNoCallable) {
+  Watch function("n", kSecond, std::function<void()>());
+  Watch pointer("n", kSecond, static_cast<void (*)()>(nullptr));
+  Expire();
+  EXPECT_FALSE(function.fired() || pointer.fired());
+  EXPECT_EQ(function.End(), State::kEnded);
+}
+
+TEST_F(WatchHpp, TheCallbackOfCGetsItsArgument) {
+  int calls = 0;
+  const Watch watch(
+      "n", kSecond, [](void* arg) { ++*static_cast<int*>(arg); }, &calls);
+  Expire();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(WatchHpp, FlagsReachTheLibraryAndOnlyTheirOwnTypeConverts) {
+  static_assert(std::is_convertible_v<decltype(QUORVEL_FLAG_LOG), Flags>);
+  static_assert(!std::is_convertible_v<bool, Flags> && !std::is_convertible_v<int, Flags>);
+  static_assert((quorvel::kLog | QUORVEL_FLAG_SYSTRACE) == Flags(9u));
+  const Watch watch("n", seconds(60), quorvel::kRecovery | quorvel::kBacktrace);
+  EXPECT_EQ(QuorvelFindNode(watch.id())->flags, 6u);
+}
+
+// A monitor that ticks without a pause, and three threads that start watches, whose callables may
+// run at any moment of what the owners do. Every eighth watch is one that the rate limit drops.
+class WatchHppRace : public WatchHpp {
+ protected:
+  static constexpr int kOwners = 3, kTurns = 100, kDropped = 8;
+
+  void Race(void (*use)(Watch watch)) {
+    SpendRateLimit();
+    std::thread monitor([this] {
+      while (!stop_) QuorvelMonitorPass(&monitor_);
+    });
+    std::vector<std::thread> owners;
+    for (int owner = 0; owner < kOwners; ++owner) {
+      owners.emplace_back([=] {
+        for (int turn = 0; turn < kTurns; ++turn) UseOne(turn, owner * turn % 50, use);
+      });
+    }
+    for (std::thread& owner : owners) owner.join();
+    stop_ = true;
+    monitor.join();
+    EXPECT_EQ(calls_, calls_before_the_end_);
+    EXPECT_EQ(Alive(), 0);
+  }
+
+ private:
+  void UseOne(int turn, int delay, void (*use)(Watch watch)) {
+    const Flags flags = turn % kDropped == 0 ? quorvel::kLog : Flags();
+    std::atomic<int> called{0};  // gone after this turn
+    Watch watch(
+        "n", kSecond, [this, &called, life = life_] { ++called, ++calls_; }, flags);
+    for (int i = 0; i < delay; ++i) std::this_thread::yield();
+    use(std::move(watch));
+    EXPECT_LE(called, 1);
+    EXPECT_TRUE(called == 0 || turn % kDropped != 0);
+    calls_before_the_end_ += called;
+  }
+
+  std::atomic<bool> stop_{false};
+  std::atomic<int> calls_{0}, calls_before_the_end_{0};
+};
+
+void AwaitCall(const Watch& watch) {
+  for (int i = 0; i < 20 && !watch.fired(); ++i) std::this_thread::yield();
+}
+
+TEST_F(WatchHppRace, EndsAtAnyMoment) {
+  Race([](Watch watch) { watch.End(); });
+}
+
+TEST_F(WatchHppRace, EndsAroundTheCall) {
+  Race([](Watch watch) {
+    AwaitCall(watch);
+    const bool was_called = watch.fired();
+    const State state = watch.End();
+    EXPECT_TRUE(!was_called || state == State::kFired);
+    EXPECT_EQ(watch.fired(), state == State::kFired);
+  });
+}
+
+TEST_F(WatchHppRace, UpdatesUntilItIsTooLate) {
+  Race([](Watch watch) {
+    for (int i = 0; i < 4 && watch.Update(kSecond); ++i) AwaitCall(watch);
+  });
+}
+
+TEST_F(WatchHppRace, Moves) {
+  Race([](Watch watch) {
+    for (int i = 0; i < 20; ++i) {
+      Watch other(std::move(watch));
+      watch = std::move(other);
+    }
+  });
+}
+
+TEST_F(WatchHppRace, CallablesThatEndTheirOwnAndAnothersWatch) {
+  Race([](Watch watch) {
+    std::atomic<bool> assigned{false}, ended{false};
+    Watch self;
+    self = Watch("self", kSecond, [&] {
+      while (!assigned) std::this_thread::yield();
+      watch.End();
+      self.End();
+      ended = true;
+    });
+    assigned = true;
+    while (!ended) std::this_thread::yield();
+  });
+}
+
+TEST_F(WatchHppRace, ForksWhileCallablesRun) {
+  if (kThreadSanitizer || Emulated()) GTEST_SKIP() << "no fork of many threads here";
+  Race([](Watch watch) {
+    if (watch.id() % kForkedIds != 0) return;
+    EXPECT_TRUE(SucceedsInChild([&] {
+      watch.End();
+      const Watch own("own", kSecond, [] {});
+      EXPECT_EQ(own.state(), State::kRefused);
+    }));
+  });
+}
+
+}  // namespace
