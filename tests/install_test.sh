@@ -19,7 +19,7 @@ echo "-- exactly the listed symbols are exported, under the name that programs l
 diff "$source/tests/exported_symbols.txt" <("$nm" -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
 readelf -d "$library" | grep -q 'SONAME.*\[libquorvel.so\]'
 
-echo "-- C99 and C++17 by pkg-config, find_package"
+echo "-- C99 and C++17 by pkg-config, the header's version, find_package"
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig  # flags are lists of words below
 strict="-Wall -Wextra -Wpedantic -Werror"
 flags="$(pkg-config --cflags --libs quorvel) $link_flags -pthread"
@@ -29,6 +29,9 @@ flags="$(pkg-config --cflags --libs quorvel) $link_flags -pthread"
 "$cxx" -x c++ -std=c++17 $strict $cxx_flags - $flags -o "$stage/idle" <<<'
 #include <quorvel/watch.hpp>
 int main() { return quorvel::Watch("", std::chrono::seconds(1)).armed(); }'
+# shellcheck disable=SC2086
+[[ $("$cc" -E -P $flags - <<<$'#include <quorvel/quorvel.h>\nQUORVEL_VERSION_STRING' | tail -n 1) == \
+  "\"$(pkg-config --modversion quorvel)\"" ]]
 cmake -G Ninja -S "$source/tests/outside" -B "$stage/outside" -Dquorvel_DIR="$prefix/lib/cmake/quorvel" \
   ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} -DCMAKE_C_COMPILER="$cc" \
   -DCMAKE_C_FLAGS="$c_flags" >/dev/null

@@ -32,6 +32,7 @@
 #ifndef QUORVEL_QUORVEL_H_
 #define QUORVEL_QUORVEL_H_
 
+#include <quorvel/version.h>
 #include <stdint.h>
 
 #ifdef __cplusplus

@@ -65,7 +65,9 @@ void WriteFile(const std::string& machine_path, const std::string& content) {
 // is ready by then; the objects of this program are not.
 static bool g_own_root;
 __attribute__((constructor(101))) static void EnterOwnRoot() {
-  if (getenv("QUORVEL_HOST_ROOT") != nullptr) return;
+  constexpr char kMark[] = "/.made-by-a-test";
+  const char* given = getenv("QUORVEL_HOST_ROOT");
+  if (given != nullptr && fs::exists(std::string(given) + kMark)) return;
   std::string root = fs::temp_directory_path() / "quorvel-test-XXXXXX";
   if (mkdtemp(&root[0]) == nullptr) _exit((perror("mkdtemp"), 1));
   g_own_root = setenv("QUORVEL_HOST_ROOT", root.c_str(), 1) == 0;
@@ -73,6 +75,7 @@ __attribute__((constructor(101))) static void EnterOwnRoot() {
                           "/dev/__properties__/", "/sys/kernel/tracing/"}) {
     fs::create_directories(root + dir);
   }
+  test_root::WriteFile(root + kMark, "");
 }
 
 int main(int argc, char** argv) {

@@ -1,5 +1,6 @@
 // Every test process has a device root of its own, made before anything else and removed at its
-// end, unless that is a crash. A QUORVEL_HOST_ROOT that is set already is used, and kept.
+// end, unless that is a crash. A QUORVEL_HOST_ROOT that is set already is left alone, but for that
+// of a test which runs this program as its child.
 #ifndef QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
 #define QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
 
