@@ -1,0 +1,20 @@
+// What a frame is for whoever reads a hang: the program's own code, or machinery.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "incident.h"
+
+namespace report {
+
+// A map's name without its directory and " (deleted)"; "anonymous" and "unknown" for those.
+std::string MapName(std::string_view map);
+
+// True for the C and C++ libraries, the loader and what else comes with every system.
+bool IsSystemMap(std::string_view map);
+
+// The role of a frame of which everything else is known.
+Role RoleOf(const Frame& frame);
+
+}  // namespace report

@@ -1,0 +1,41 @@
+// Keeps each distinct frame of all logs once, named and classified.
+#pragma once
+
+#include <deque>
+#include <string_view>
+#include <unordered_map>
+
+#include "incident.h"
+#include "text_pool.h"
+
+namespace report {
+
+struct FrameLine;
+class Symbols;
+
+class FrameTable {
+ public:
+  // Where symbols is given, it adds names, inlined calls and source lines. It stays the caller's.
+  FrameTable(TextPool* pool, Symbols* symbols) : pool_(pool), symbols_(symbols) {}
+
+  // The frame of a line from its pc on; null when the line is none of a frame. A line that the
+  // file's end may have cut is a frame only where its function stands in it whole.
+  const Frame* Find(std::string_view rest, bool may_be_cut);
+
+ private:
+  struct Names {
+    std::string_view function;
+    std::string_view plain;
+  };
+
+  const Frame* Add(const FrameLine& line);
+  const Names& NamesOf(std::string_view symbol);
+
+  TextPool* pool_;
+  Symbols* symbols_;
+  std::deque<Frame> frames_;
+  std::unordered_map<std::string_view, const Frame*> frame_by_rest_;
+  std::unordered_map<std::string_view, Names> names_by_symbol_;
+};
+
+}  // namespace report

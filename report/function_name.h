@@ -1,0 +1,17 @@
+// Names of functions: demangled, and reduced to what is the same in every build.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace report {
+
+// The demangled name, or the symbol itself where it is not mangled, or so that its demangled name
+// could be absurdly long.
+std::string Demangle(std::string_view symbol);
+
+// A demangled name without return type, arguments, template arguments, suffixes of clones, hashes
+// and numbers of lambdas: what two builds of one source agree on.
+std::string PlainName(std::string_view function);
+
+}  // namespace report
