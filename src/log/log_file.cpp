@@ -20,7 +20,8 @@ namespace {
 
 constexpr useconds_t kPauseMicros = 5000;
 constexpr int kLockTests = 3;
-constexpr int kMaxLockCycles = 100;  // some two seconds against somebody who keeps making the lock
+constexpr int kMaxLockCycles =
+    100;  // of one pause: half a second, if somebody keeps making the lock
 constexpr int kOpenAttempts = 4;
 constexpr int kMaxLogFiles = 10;
 constexpr mode_t kLockMode = 0600;

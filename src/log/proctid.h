@@ -1,8 +1,8 @@
 // Lists the threads of a process, from its task directory under /proc.
 //
-// Any thread; no shared state. A snapshot: a thread that starts or ends meanwhile may or may not be
-// in it. A failure is reported through the platform's logging facility, and errno is then what the
-// failing step left.
+// Any thread; no shared state. The list is a snapshot: a thread that starts or ends during the call
+// may or may not be in it. A failure is reported through the platform's logging facility, and errno
+// is then that of the failing step.
 #ifndef QUORVEL_LOG_PROCTID_H_
 #define QUORVEL_LOG_PROCTID_H_
 
@@ -27,9 +27,10 @@ namespace proctid {
 
 constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr size_t kPathSize = 4096;
+constexpr size_t kMaxIdText = 15;  // more than any int has
 
-// Reads the name of a task directory's entry as a thread id: decimal, or hexadecimal behind "0x",
-// after any white space. False, with errno EINVAL or ERANGE, for anything else.
+// Reads the name of a task directory's entry as a thread id: decimal, or hexadecimal after "0x",
+// with any white space before it. False, with errno EINVAL or ERANGE, for anything else.
 inline bool ParseTid(const char* name, int* tid) {
   const char* digits = name + strspn(name, " \t\n\v\f\r");
   const bool hex = digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X');
@@ -60,9 +61,10 @@ struct DirCloser {
 
 }  // namespace proctid
 
-// Fills out with the ids of all threads of the process whose /proc/<pid> directory fd is; the
-// caller keeps fd. True on success. On failure out holds the ids that were read before it, nothing
-// when the directory could not be opened.
+// Fills out with the ids of all threads of a process.
+//   fd   its /proc/<pid> directory, which stays the caller's
+//   out  holds the ids read so far on failure; empty if the task directory cannot be opened
+// Returns whether all of them were read.
 template <typename Collection>
 typename std::enable_if<(sizeof(typename Collection::value_type) >= sizeof(int)), bool>::type
 GetProcessTidsFromProcPidFd(int fd, Collection* out) {
@@ -87,7 +89,7 @@ GetProcessTidsFromProcPidFd(int fd, Collection* out) {
   return true;
 }
 
-// The same for a process id. out is left as it was when /proc/<pid> cannot be opened.
+// The same for a process id. If /proc/<pid> cannot be opened, out stays as it was.
 template <typename Collection>
 typename std::enable_if<(sizeof(typename Collection::value_type) >= sizeof(int)), bool>::type
 GetProcessTids(int pid, Collection* out) {
@@ -105,10 +107,29 @@ GetProcessTids(int pid, Collection* out) {
   return GetProcessTidsFromProcPidFd(fd.get(), out);
 }
 
-// The threads of this process but for the calling one and tid. False, with a message, when they
-// cannot be listed.
+// Whether /proc shows another process under the id of this one. It does so in a pid namespace that
+// has no /proc of its own.
+inline bool QuorvelProcIsOfAnotherNamespace() {
+  char self[proctid::kMaxIdText + 1] = {};
+  int pid = 0;
+  const bool visible = readlink("/proc/self", self, proctid::kMaxIdText) > 0;
+  if (visible && proctid::ParseTid(self, &pid) && pid == getpid()) return false;
+  char path[proctid::kPathSize] = {};
+  snprintf_s(path, sizeof(path), sizeof(path) - 1, "/proc/%d", getpid());
+  return access(path, F_OK) == 0;
+}
+
+// Fills tids with the threads of this process except the calling one and tid. False, with a
+// message, when they cannot be listed; nothing is listed from the /proc of another pid namespace,
+// whose ids are those of other threads.
 inline bool QuorvelListOtherThreads(int tid, std::set<int>* tids) {
-  if (!GetProcessTids(getpid(), tids)) {
+  const bool foreign = QuorvelProcIsOfAnotherNamespace();
+  if (foreign) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                        "/proc/%d is another process, /proc belongs to another pid namespace\n",
+                        getpid());
+  }
+  if (foreign || !GetProcessTids(getpid(), tids)) {
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Fail to get tids in pid %d\n", getpid());
     return false;
   }

@@ -3,6 +3,7 @@
 
 #include <device_path.h>
 #include <gmock/gmock.h>
+#include <kelvane.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/auxv.h>
@@ -297,6 +298,33 @@ TEST_F(Hostile, NamesOfProgramAndWatchAreWrittenAsTheyAreOrTheirLineIsDropped) {
     EXPECT_EQ(event.find('\n'), event.size() - 1);
     EXPECT_THAT(event, testing::HasSubstr(fits ? log_path_ + "\"}" : too_long + "," + log_path_));
   }
+}
+
+TEST_F(Hostile, ProcOfAnotherPidNamespaceGivesNoStacksOfStrangers) {
+  SKIP_UNDER_EMULATION("the emulator makes a /proc of its own");
+  const pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWPID) != 0) _exit(77);
+    const pid_t first = fork();
+    if (first == 0) {
+      Respond(kMost);
+      const std::string foreign = "/proc/1 is another process, /proc belongs to another pid namesp";
+      const Texts failures = Failures();
+      EXPECT_THAT(failures, testing::Contains(testing::StartsWith(foreign)).Times(2));
+      EXPECT_THAT(failures, testing::Contains("Fail to get tids in pid 1\n").Times(2));
+      EXPECT_THAT(ReadFile(log_path_), testing::Not(testing::HasSubstr("tid = ")));
+      char stack[4096];
+      EXPECT_NE(DravikGetStack(std::stoi(fs::read_symlink("/proc/self")), stack), 0);
+      _exit(HasFailure());
+    }
+    int status = -1;
+    waitpid(first, &status, 0);
+    _exit(WEXITSTATUS(status));
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  if (status == W_EXITCODE(77, 0)) GTEST_SKIP() << "only root can make a pid namespace here";
+  EXPECT_EQ(status, 0);
 }
 
 // Runs itself, as a program of nobody's.

@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <kelvane.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/system_properties.h>
 #include <time.h>
@@ -22,7 +23,8 @@ using android::base::StringPrintf;
 constexpr size_t kStackRoom = 4095;
 constexpr mode_t kJournalMode = 0644;
 
-// Length of the UTF-8 sequence that text begins with; 0 when it begins with none.
+// Length of the UTF-8 sequence that text begins with; 0 if it begins with none. The ranges are
+// those of RFC 3629.
 size_t Utf8Length(const char* text) {
   const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
   const auto follows = [&byte](size_t i, unsigned low = 0x80, unsigned high = 0xBF) {
@@ -42,7 +44,7 @@ size_t Utf8Length(const char* text) {
   return 0;
 }
 
-// A JSON string. Bytes that are not UTF-8 become the replacement character each.
+// The text as a JSON string. Each byte that is not UTF-8 becomes the replacement character.
 std::string Quoted(const char* text) {
   std::string out = "\"";
   while (*text != '\0') {
@@ -62,8 +64,14 @@ std::string Quoted(const char* text) {
   return out + "\"";
 }
 
-// Reads at most room characters of a file of this thread under /proc. False, with errno, when it
-// cannot be read.
+// Whether the ids under /proc are those that this process knows, not another pid namespace's.
+bool ProcHasOwnIds() {
+  char self[16] = {};
+  return readlink("/proc/self", self, sizeof(self) - 1) > 0 && atoi(self) == getpid();
+}
+
+// Reads at most room characters of a thread's file under /proc. False, with errno, when it cannot
+// be read.
 bool ReadTaskFile(int tid, const char* name, char* text, size_t room) {
   const std::string path = StringPrintf("/proc/self/task/%d/%s", tid, name);
   const android::base::unique_fd fd(
@@ -81,8 +89,8 @@ bool ReadTaskFile(int tid, const char* name, char* text, size_t room) {
   return true;
 }
 
-// Where the kernel keeps the stack to itself, the thread's state and what it waits for are better
-// than nothing.
+// Describes a thread whose stack the kernel refuses to show, for the errno refusal: its state and
+// what it waits for. False when the thread has ended.
 bool DescribeState(int tid, int refusal, char* buffer) {
   char stat[512];
   char channel[128];
@@ -100,6 +108,7 @@ bool DescribeState(int tid, int refusal, char* buffer) {
 }  // namespace
 
 int DravikGetStack(int tid, char* buffer) {
+  if (!ProcHasOwnIds()) return -1;
   if (ReadTaskFile(tid, "stack", buffer, kStackRoom)) return 0;
   const int refusal = errno;
   if (refusal == ESRCH) return -1;

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 extern "C" {
 
 char* __real_ctime_r(const time_t* seconds, char* text);
@@ -11,47 +13,86 @@ char* __wrap_ctime_r(const time_t* seconds, char* text);
 
 namespace {
 
+constexpr long kSecondsPerMinute = 60;
+constexpr long kSecondsPerHour = 60 * kSecondsPerMinute;
+constexpr long kSecondsPerDay = 24 * kSecondsPerHour;
+constexpr long kDaysPerWeek = 7;
+constexpr long kEpochWeekday = 4;  // 1970-01-01 was a Thursday
+
+// The calendar is counted in eras of 400 years that begin on a first of March, so that a leap day
+// is the last day of its year. The method is that of H. Hinnant's "chrono-Compatible Low-Level Date
+// Algorithms" (civil_from_days).
+constexpr long kYearsPerEra = 400;
+constexpr long kDaysPerYear = 365;
+constexpr long kDaysPer4Years = 4 * kDaysPerYear + 1;
+constexpr long kDaysPerCentury = 25 * kDaysPer4Years - 1;
+constexpr long kDaysPerEra = 4 * kDaysPerCentury + 1;
+constexpr long kEpochDay = 719468;   // days from 0000-03-01 to 1970-01-01
+// March to July have as many days as August to December.
+constexpr long kMonthsPerCycle = 5;
+constexpr long kDaysPerCycle = 153;
+constexpr long kMonthsFromJanToMar = 2;
+constexpr long kMonthsFromMarToJan = 10;
+constexpr long kTmYearBase = 1900;
+
+// The first of January of these years, in UTC.
+constexpr time_t kYear1 = -62135596800;
+constexpr time_t kYear10000 = 253402300800;
+
 const long g_utc_offset = [] {
   const time_t now = time(nullptr);
   struct tm local = {};
   return localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0L;
 }();
 
-bool g_forked = false;
+std::atomic<bool> g_forked{false};
 
 [[maybe_unused]] const int g_fork_handler =
     pthread_atfork(nullptr, nullptr, [] { g_forked = true; });
 
+// The remainder that is never negative.
+constexpr long Modulo(long value, long divisor) {
+  return (value % divisor + divisor) % divisor;
+}
+
+// Sets the date that lies so many days after 1970-01-01.
+void SetDate(long days, struct tm* date) {
+  const long day_of_era = Modulo(days + kEpochDay, kDaysPerEra);
+  const long era = (days + kEpochDay - day_of_era) / kDaysPerEra;
+  const long leap_days_before = day_of_era / (kDaysPer4Years - 1) - day_of_era / kDaysPerCentury +
+                                day_of_era / (kDaysPerEra - 1);
+  const long year_of_era = (day_of_era - leap_days_before) / kDaysPerYear;
+  const long day_of_year =
+      day_of_era - (kDaysPerYear * year_of_era + year_of_era / 4 - year_of_era / 100);
+  const long month = (kMonthsPerCycle * day_of_year + 2) / kDaysPerCycle;  // 0 is March
+  const bool in_next_year = month >= kMonthsFromMarToJan;
+  const long month_begin = (kDaysPerCycle * month + 2) / kMonthsPerCycle;
+  date->tm_mday = static_cast<int>(day_of_year - month_begin + 1);
+  date->tm_mon =
+      static_cast<int>(in_next_year ? month - kMonthsFromMarToJan : month + kMonthsFromJanToMar);
+  date->tm_year =
+      static_cast<int>(era * kYearsPerEra + year_of_era + (in_next_year ? 1 : 0) - kTmYearBase);
+  date->tm_wday = static_cast<int>(Modulo(days + kEpochWeekday, kDaysPerWeek));
+}
+
 }  // namespace
 
-// The calendar is counted in eras of 400 years that begin in March.
 struct tm LocalTimeAt(time_t seconds) {
-  constexpr long kDay = 86400;
   const long local = seconds + g_utc_offset;
-  const long second_of_day = ((local % kDay) + kDay) % kDay;
-  const long days = (local - second_of_day) / kDay;  // since 1970-01-01, a Thursday
-  const long day_of_era = ((days + 719468) % 146097 + 146097) % 146097;
-  const long era = (days + 719468 - day_of_era) / 146097;
-  const long year_of_era =
-      (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  const long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-  const long month = (5 * day_of_year + 2) / 153;  // from March
+  const long second_of_day = Modulo(local, kSecondsPerDay);
   struct tm result = {};
-  result.tm_sec = static_cast<int>(second_of_day % 60);
-  result.tm_min = static_cast<int>(second_of_day / 60 % 60);
-  result.tm_hour = static_cast<int>(second_of_day / 3600);
-  result.tm_mday = static_cast<int>(day_of_year - (153 * month + 2) / 5 + 1);
-  result.tm_mon = static_cast<int>(month < 10 ? month + 2 : month - 10);
-  result.tm_year = static_cast<int>(era * 400 + year_of_era + (month < 10 ? 0 : 1) - 1900);
-  result.tm_wday = static_cast<int>(((days + 4) % 7 + 7) % 7);
+  SetDate((local - second_of_day) / kSecondsPerDay, &result);
+  result.tm_hour = static_cast<int>(second_of_day / kSecondsPerHour);
+  result.tm_min = static_cast<int>(second_of_day % kSecondsPerHour / kSecondsPerMinute);
+  result.tm_sec = static_cast<int>(second_of_day % kSecondsPerMinute);
   return result;
 }
 
-// In the child of a fork the lock may be held by a thread that is not there.
+// The library's calls of ctime_r come here. In the child of a fork the C library's lock on the time
+// zone may be held by a thread that does not exist there.
 char* __wrap_ctime_r(const time_t* seconds, char* text) {
-  constexpr time_t kYear10000 = 253402300800, kYear1 = -62135596800;
   if (!g_forked) return __real_ctime_r(seconds, text);
-  if (*seconds < kYear1 || *seconds >= kYear10000 - 86400) return nullptr;
+  if (*seconds < kYear1 || *seconds >= kYear10000 - kSecondsPerDay) return nullptr;
   const struct tm local = LocalTimeAt(*seconds);
   return asctime_r(&local, text);
 }

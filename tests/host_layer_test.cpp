@@ -1,0 +1,225 @@
+// What stands in for the device's services: properties, the event journal, the trace, paths, time.
+
+#include <android-base/logging.h>
+#include <android-base/stringprintf.h>
+#include <cutils/trace.h>
+#include <device_path.h>
+#include <gmock/gmock.h>
+#include <kelvane.h>
+#include <stdlib.h>
+#include <sys/system_properties.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <thread>
+
+#include "../platform/host/src/local_time.h"
+#include "support/fakes.h"
+#include "support/log_capture.h"
+#include "support/test_root.h"
+
+namespace {
+
+using test_root::Path;
+using test_root::PropertyText;
+using test_root::ReadFile;
+using test_root::SetProperty;
+using Texts = std::vector<std::string>;
+
+class HostLayer : public testing::Test {
+ protected:
+  HostLayer() {
+    test_root::MakeEmptyDir(kStore);
+    test_root::MakeEmptyDir("/data/log/dravik/");
+  }
+
+  static std::string Get(const char* name) {
+    char value[PROP_VALUE_MAX] = "unchanged";
+    const int length = __system_property_get(name, value);
+    EXPECT_EQ(strlen(value), static_cast<size_t>(length));
+    return value;
+  }
+  // Runs the body in the child of a fork; true when it returns true.
+  static bool InChild(const std::function<bool()>& body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body() ? 0 : 1);
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+  }
+
+  static constexpr char kStore[] = "/dev/__properties__/";
+  ScopedFakes restore_;
+};
+
+TEST_F(HostLayer, APropertyIsReadAsItWasSetUpToItsGreatestLength) {
+  const std::string longest(91, 'x');
+  EXPECT_EQ(__system_property_set("a.name", longest.c_str()), 0);
+  EXPECT_EQ(Get("a.name"), longest);
+  EXPECT_EQ(__system_property_set("a.name", (longest + "x").c_str()), -1);
+  EXPECT_EQ(Get("a.name"), longest);
+  EXPECT_EQ(__system_property_set("a.name", nullptr), 0);
+  EXPECT_EQ(Get("a.name"), "");
+  EXPECT_EQ(test_root::List(kStore), Texts{"a.name"});
+}
+
+TEST_F(HostLayer, APropertysNameCannotLeadOutOfTheStore) {
+  SetProperty("victim", "kept");
+  test_root::MakeEmptyDir("/dev/__properties__/dir");
+  for (const char* name : {"", "/", "dir/../victim", "../__properties__/victim"}) {
+    EXPECT_EQ(__system_property_set(name, "overwritten"), -1) << name;
+    EXPECT_EQ(Get(name), "") << name;
+  }
+  EXPECT_EQ(__system_property_set(nullptr, "overwritten"), -1);
+  EXPECT_EQ(PropertyText("victim"), "kept");
+}
+
+TEST_F(HostLayer, AReadOnlyPropertyIsSetOnlyOnce) {
+  EXPECT_EQ(__system_property_set("ro.name", "first"), 0);
+  EXPECT_EQ(__system_property_set("ro.name", "second"), -1);
+  EXPECT_EQ(Get("ro.name"), "first");
+  EXPECT_EQ(test_root::List(kStore), Texts{"ro.name"});
+}
+
+TEST_F(HostLayer, OneNewlineAtTheEndOfAPropertysFileIsNotOfItsValue) {
+  SetProperty("a.name", "1\n");
+  EXPECT_EQ(Get("a.name"), "1");
+  SetProperty("a.name", "1\n\n");
+  EXPECT_EQ(Get("a.name"), "1\n");
+  SetProperty("a.name", "\n");
+  EXPECT_EQ(Get("a.name"), "");
+  EXPECT_EQ(Get("unset"), "");
+}
+
+TEST_F(HostLayer, AReaderNeverSeesHalfAValueOrNone) {
+  const std::string values[] = {"1,1763315480", std::string(91, '2')};
+  __system_property_set("a.name", values[0].c_str());
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 20; ++i) __system_property_set("a.name", values[i % 2].c_str());
+    done = true;
+  });
+  while (!done) {
+    const std::string value = Get("a.name");
+    EXPECT_TRUE(value == values[0] || value == values[1]) << value;
+  }
+  writer.join();
+}
+
+TEST_F(HostLayer, AStoreThatIsMissingIsReportedOnce) {
+  test_root::RemoveTree(kStore);
+  EXPECT_TRUE(InChild([] {
+    const LogCapture log;
+    const bool set = __system_property_set("a.name", "1") == 0;
+    __system_property_set("b.name", "1");
+    const std::string text = "W/properties: cannot set a.name: No such file or directory; ";
+    return !set && log.Lines().size() == 1 && log.Lines()[0].find(text) == 0;
+  }));
+}
+
+TEST_F(HostLayer, AnEventIsOneLineOfTheJournalWhateverItsTextsHold) {
+  fakes.time = [] { return time_t{1763315480}; };
+  EXPECT_EQ(dravik_send_event(12, "\"quoted\\\n\x01\x7f", "\xc3\xa9 \xf0\x9f\x98\x80"), 0);
+  EXPECT_EQ(dravik_send_event(7, "", "\xff\xed\xa0\x80\xc3"), 0);
+  const std::string pid = "\"pid\":" + std::to_string(getpid()) + ",\"time\":1763315480";
+  EXPECT_EQ(ReadFile(Path(test_root::kJournal)),
+            "{\"id\":12," + pid +
+                ",\"command\":\"\\\"quoted\\\\\\u000a\\u0001\\u007f\",\"message\":"
+                "\"\xc3\xa9 \xf0\x9f\x98\x80\"}\n{\"id\":7," +
+                pid + ",\"command\":\"\",\"message\":\"\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\"}\n");
+}
+
+TEST_F(HostLayer, AnEventThatCannotBeWrittenHasFailed) {
+  test_root::RemoveTree("/data/log/dravik/");
+  EXPECT_EQ(dravik_send_event(12, "", "lost"), -1);
+}
+
+TEST_F(HostLayer, AConfigurationThatDoesNotFitIsNone) {
+  char config[4] = "old";
+  SetProperty("dravik.event.12.config", "1234");
+  EXPECT_EQ(dravik_get_config(12, config, 4), -1);
+  SetProperty("dravik.event.12.config", "123");
+  EXPECT_EQ(dravik_get_config(12, config, 4), 0);
+  EXPECT_STREQ(config, "123");
+  EXPECT_EQ(dravik_get_config(13, config, 4), -1);
+}
+
+TEST_F(HostLayer, AStackThatTheKernelKeepsToItselfIsReplacedByTheThreadsState) {
+  char text[4096];
+  ASSERT_EQ(DravikGetStack(gettid(), text), 0);
+  EXPECT_THAT(text, testing::MatchesRegex("(.*0x.*\n)+|.no kernel stack: .*. state R, .*\n"));
+  EXPECT_NE(DravikGetStack(INT_MAX, text), 0);
+}
+
+TEST_F(HostLayer, TraceTagsAreReadInAnyBase) {
+  for (const char* tags : {"0x800", "2048", "04000"}) {
+    SetProperty("debug.atrace.tags.enableflags", tags);
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_HAL}) << tags;
+  }
+  SetProperty("debug.atrace.tags.enableflags", "all");
+  EXPECT_EQ(atrace_get_enabled_tags(), 0u);
+}
+
+TEST_F(HostLayer, ATraceThatNobodySetUpIsNotMade) {
+  const std::string trace = Path("/sys/kernel/tracing/trace_marker");
+  SetProperty("debug.atrace.tags.enableflags", "0x800");
+  unlink(trace.c_str());
+  atrace_begin(ATRACE_TAG_HAL, "section");
+  EXPECT_EQ(test_root::List("/sys/kernel/tracing/"), Texts{});
+  test_root::WriteFile(trace, "");
+  atrace_begin(ATRACE_TAG_HAL << 1, "of another tag");
+  atrace_end(ATRACE_TAG_HAL << 1);
+  EXPECT_EQ(ReadFile(trace), "");
+}
+
+TEST_F(HostLayer, OnlyPathsUnderTheRootLoseIt) {
+  const std::string root = Path("");
+  EXPECT_EQ(DevicePath("/data"), root + "/data");
+  EXPECT_EQ(PathOnDevice(root + "/vendor/bin/x"), "/vendor/bin/x");
+  for (const std::string& path : {root, root + "x/vendor/bin/x", std::string("/vendor/bin/x")}) {
+    EXPECT_EQ(PathOnDevice(path), path);
+  }
+}
+
+TEST_F(HostLayer, AMessageBelowTheLeastSeverityIsNotLogged) {
+  const LogCapture log;
+  const auto old = android::base::SetMinimumLogSeverity(android::base::FATAL);
+  LOG(ERROR) << "unwanted";
+  EXPECT_EQ(android::base::SetMinimumLogSeverity(old), android::base::FATAL);
+  errno = ENOENT;
+  PLOG(ERROR) << "wanted " << 1;
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(log.Lines(), Texts{"E/unit_tests: wanted 1: No such file or directory"});
+}
+
+TEST_F(HostLayer, ALongTextIsFormattedWhole) {
+  for (const size_t length : {254u, 255u, 256u, 10000u}) {
+    const std::string text(length, 'x');
+    EXPECT_EQ(android::base::StringPrintf("%s%d", text.c_str(), 7), text + "7");
+  }
+}
+
+TEST_F(HostLayer, TheCalendarIsThatOfTheCLibrary) {
+  const time_t now = time(nullptr);
+  const long offset = localtime(&now)->tm_gmtoff;
+  constexpr time_t kBegin = -62135510400, kEnd = 253402214400;  // a day within years 1 to 9999
+  constexpr time_t kStep = 3155701;  // a prime, so that all days of a year come
+  for (time_t at = kBegin; at < kEnd; at += kStep) {
+    const time_t shifted = at + offset;
+    char ours[64], theirs[64];
+    const struct tm local = LocalTimeAt(at);
+    ASSERT_STREQ(asctime_r(&local, ours), asctime_r(gmtime(&shifted), theirs)) << at;
+  }
+}
+
+TEST_F(HostLayer, AForkedChildHasTheSameTimeAndNoneBeyondTheCalendar) {
+  const time_t at = 1763315480, beyond = 253402300800;
+  char parent[64];
+  ctime_r(&at, parent);
+  EXPECT_TRUE(InChild([&] {
+    char child[64];
+    const bool same = strcmp(ctime_r(&at, child), parent) == 0;
+    return same && ctime_r(&beyond, child) == nullptr;
+  }));
+}
+
+}  // namespace
