@@ -13,15 +13,13 @@
 
 namespace {
 
-constexpr int kMaxFrames = 64;
-
 void Echo(const std::string& text) {
   __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", text.c_str());
 }
 
 void DumpBacktraceTid(int tid, int fd) {
   unwindstack_wrapper unwinder;
-  if (!unwinder.unwind(tid, nullptr, kMaxFrames)) {
+  if (!unwinder.unwind(tid, nullptr, unwindstack_wrapper::kMaxFrames)) {
     const std::string line =
         "Unwind failed: tid = " + std::to_string(tid) + ": " + unwinder.error + "\n";
     Echo(line);

@@ -2,7 +2,6 @@
 
 #include <android/log.h>
 #include <errno.h>
-#include <pthread.h>
 #include <signal.h>
 #include <string.h>
 #include <unwindstack/Maps.h>
@@ -13,20 +12,23 @@
 
 #include "base/bounds_checked.h"
 #include "unwind/unwind_log.h"
+#include "unwind/unwind_signal.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 
 namespace {
 
 using Entry = unwindstack_wrapper_thread;
 
-// The kernel's __SIGRTMIN + 1, which the platform keeps for backtraces.
-constexpr int kUnwindSignal = 33;
+constexpr char kNoRegisters[] = "Fail to get registers";
+constexpr char kNoMaps[] = "Fail to parse maps";
+constexpr char kNoThread[] = "target thread does not exist";
+constexpr char kNoAnswer[] = "Timed out waiting for signal handler to get ucontext data";
+constexpr size_t kLongestReason = unwindstack_wrapper::kLongestReason;
+static_assert(sizeof(kNoRegisters) <= kLongestReason && sizeof(kNoMaps) <= kLongestReason &&
+              sizeof(kNoThread) <= kLongestReason && sizeof(kNoAnswer) <= kLongestReason);
 
-// Held for the whole of every unwind, so that one handler at most is installed at a time.
-pthread_mutex_t unwind_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-// Runs on the target thread, which it has interrupted anywhere: inside the allocator, the loader or
-// stdio. Calls nothing that could wait for any of them.
+// Async-signal context: it has interrupted the target thread anywhere, inside the allocator, the
+// loader or stdio perhaps, and calls nothing that could wait for any of them.
 void unwindstack_wrapper_signal_handler(int, siginfo_t*, void* context) {
   const int saved_errno = errno;
   Entry* entry = Entry::get(getpid(), gettid(), false);
@@ -46,6 +48,12 @@ void unwindstack_wrapper_signal_handler(int, siginfo_t*, void* context) {
                         __func__);
   }
   errno = saved_errno;
+}
+
+// The object's user may have moved away what its constructor reserved.
+void ReserveResults(unwindstack_wrapper* self) {
+  self->frames.reserve(unwindstack_wrapper::kMaxFrames);
+  self->error.reserve(kLongestReason);
 }
 
 Entry* LockEntry(int pid, int tid) {
@@ -70,7 +78,7 @@ void RestoreAction(const struct sigaction& old_action) {
   sigaction(kUnwindSignal, &old_action, nullptr);
 }
 
-// After a handler that never came: the signal may still be on its way, and under the default
+// For a handler that never came: the signal may still be on its way, and under the default
 // disposition it would end the process.
 void RestoreActionOrIgnore(const struct sigaction& old_action) {
   if (old_action.sa_handler != SIG_DFL) {
@@ -81,36 +89,31 @@ void RestoreActionOrIgnore(const struct sigaction& old_action) {
 }
 
 const char* ReasonOfSilence(int pid, int tid, const char* step) {
-  if (tgkill(pid, tid, 0) != 0 && errno == ESRCH) return "target thread does not exist";
+  if (tgkill(pid, tid, 0) != 0 && errno == ESRCH) return kNoThread;
   __android_log_print(ANDROID_LOG_ERROR, kUnwindLogTag,
                       "%s: Timed out waiting for signal handler to get ucontext data. %s", step,
                       strerror(errno));
-  return "Timed out waiting for signal handler to get ucontext data";
+  return kNoAnswer;
 }
 
 // The registers are captured where this is inlined, which must be a frame that outlives the unwind.
 inline __attribute__((always_inline)) bool UnwindInPlace(unwindstack_wrapper* self) {
   const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
-  unwindstack::RegsGetLocal(regs.get());
+  if (regs != nullptr) unwindstack::RegsGetLocal(regs.get());
   return self->_unwind_ucontext_with_reg(regs.get());
 }
 
 }  // namespace
 
+QuorvelMutex unwind_mutex;
+
 bool unwindstack_wrapper::unwind(int tid, ucontext* uc, int frame_limit) {
   if (frame_limit < kMinFrames || frame_limit > kMaxFrames) return false;
   max_frames = frame_limit;
-  pthread_mutex_lock(&unwind_mutex);
-  bool unwound;
-  if (uc != nullptr) {
-    unwound = _unwind_ucontext_locked(uc);
-  } else if (tid == gettid()) {
-    unwound = UnwindInPlace(this);
-  } else {
-    unwound = _unwind_locked(tid);
-  }
-  pthread_mutex_unlock(&unwind_mutex);
-  return unwound;
+  const QuorvelMutexLock lock(&unwind_mutex);
+  if (uc != nullptr) return _unwind_ucontext_locked(uc);
+  if (tid != gettid()) return _unwind_locked(tid);
+  return UnwindInPlace(this);
 }
 
 bool unwindstack_wrapper::_unwind_ucontext_current() {
@@ -127,14 +130,14 @@ bool unwindstack_wrapper::_unwind_ucontext_with_reg(unwindstack::Regs* regs) {
   unwindstack::LocalMaps maps;
   const std::shared_ptr<unwindstack::Memory> memory = unwindstack::Memory::CreateProcessMemory(pid);
   if (regs == nullptr) {
-    error = "Fail to get registers";
+    error = kNoRegisters;
     return false;
   }
   const unwindstack::ArchEnum arch = regs->Arch();
   is_32bit = arch == unwindstack::ARCH_ARM || arch == unwindstack::ARCH_X86 ||
              arch == unwindstack::ARCH_MIPS;
   if (!maps.Parse()) {
-    error = "Fail to parse maps";
+    error = kNoMaps;
     return false;
   }
   unwindstack::Unwinder unwinder(static_cast<size_t>(max_frames), &maps, regs, memory);
@@ -145,6 +148,7 @@ bool unwindstack_wrapper::_unwind_ucontext_with_reg(unwindstack::Regs* regs) {
 }
 
 bool unwindstack_wrapper::_unwind_locked(int tid) {
+  ReserveResults(this);
   Entry* entry = LockEntry(pid, tid);
   if (entry == nullptr) return false;
   bool unwound = false;
@@ -174,7 +178,7 @@ bool unwindstack_wrapper::_unwind_locked(int tid) {
 }
 
 void unwindstack_wrapper_reset_after_fork() {
-  unwind_mutex = PTHREAD_MUTEX_INITIALIZER;
+  unwind_mutex.ResetInChild();
   Entry::list_mutex_ = PTHREAD_MUTEX_INITIALIZER;
   Entry::list_ = nullptr;
 }

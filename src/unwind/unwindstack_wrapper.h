@@ -9,9 +9,11 @@
 //
 // Threads: unwind may be called from any thread; one unwind runs at a time in the whole process. An
 // object belongs to one thread at a time. Another thread is stopped by signal 33, whose action is
-// replaced for the length of the exchange, for at most five seconds; a thread that does not answer
-// costs the caller five seconds. While the target is stopped it may hold any lock of the process:
-// nothing that this class itself does in that time allocates or takes a lock but its own.
+// replaced for the length of the exchange, for at most five seconds. A thread that does not answer
+// costs the caller five seconds; the platform's unwinding library allocates, so there a thread that
+// is stopped inside the allocator costs up to ten. While a thread is stopped it may hold any lock
+// of the process: nothing that this class itself does meanwhile allocates or waits for a lock but
+// its own.
 #ifndef QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
 #define QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
 
@@ -26,14 +28,24 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
+
+// Locked for the whole of every unwind, so that one handler at most is installed at a time.
+extern QuorvelMutex unwind_mutex;
+
 class unwindstack_wrapper {
  public:
   static constexpr int32_t kMinFrames = 2;
   static constexpr int32_t kMaxFrames = 64;
 
-  // Room for the frames is taken here and not while a thread is stopped, which may hold the lock of
+  static constexpr size_t kLongestReason = 64;  // bytes that hold any text of error
+
+  // Reserves the space for all results, because a thread that is stopped later may hold the lock of
   // the allocator.
-  unwindstack_wrapper() : pid(getpid()) { frames.reserve(kMaxFrames); }
+  unwindstack_wrapper() : pid(getpid()) {
+    frames.reserve(kMaxFrames);
+    error.reserve(kLongestReason);
+  }
 
   // Unwinds thread tid or, when uc is not null, the context uc (tid is then not used). max_frames
   // must lie in 2..64. True: frames and num_frames hold the result, innermost frame first, which
@@ -44,9 +56,9 @@ class unwindstack_wrapper {
   // One frame as a line of text without its end; empty when there is no such frame.
   QUORVEL_EXPORT std::string frame_string(size_t frame_num);
 
-  // The steps of unwind. Those named _locked expect the caller to hold the unwinder's mutex.
-  QUORVEL_EXPORT bool _unwind_locked(int tid);
-  QUORVEL_EXPORT bool _unwind_ucontext_locked(ucontext* uc);
+  // The steps of unwind.
+  QUORVEL_EXPORT bool _unwind_locked(int tid) QUORVEL_REQUIRES(unwind_mutex);
+  QUORVEL_EXPORT bool _unwind_ucontext_locked(ucontext* uc) QUORVEL_REQUIRES(unwind_mutex);
   QUORVEL_EXPORT bool _unwind_ucontext_current();
   QUORVEL_EXPORT bool _unwind_ucontext_with_reg(unwindstack::Regs* regs);
 
@@ -58,7 +70,7 @@ class unwindstack_wrapper {
   bool is_32bit = false;  // chooses the width of the printed pc
 };
 
-// In the child of a fork: frees the unwinder's locks and forgets the parent's threads.
+// In the child of a fork: unlocks the unwinder's locks and forgets the parent's threads.
 void unwindstack_wrapper_reset_after_fork();
 
 #endif  // QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
