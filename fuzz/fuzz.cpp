@@ -16,6 +16,7 @@
 
 #include "core/recovery_limit.h"
 #include "elf_image.h"
+#include "host_regs.h"
 #include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "process_maps.h"
@@ -133,7 +134,7 @@ void maps_text(Input input) {
 }
 
 // An ELF file of any bytes, mapped as code; registers and a stack of any content that lead into it.
-// Reading the file's functions, its unwind tables and the stack comes to an end and harms nothing.
+// Reading the file's functions, its unwind tables and the stack ends and does no harm.
 void stack_walk(Input input) {
   std::minstd_rand random(input.ConsumeIntegral<uint16_t>());
   const std::string content = input.ConsumeRemainingBytesAsString();
@@ -161,12 +162,11 @@ void stack_walk(Input input) {
     const uint64_t value = random();
     word = value % 4 == 0 ? value : value % 4 == 1 ? sp + value % 512 : base + value / 4 % length;
   }
-  using unwindstack::Regs;
-  const std::unique_ptr<Regs> regs(Regs::CreateFromLocal());
-  auto* const values = static_cast<uint64_t*>(regs->RawData());
-  for (size_t i = 0; i < Regs::kCount; ++i) values[i] = sp + random() % 512;
-  values[Regs::kSp] = sp;
-  values[Regs::kPc] = base + random() % length;
+  const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
+  uint64_t* const values = unwindstack::ValuesOf(regs.get());
+  for (size_t i = 0; i < unwindstack::kRegCount; ++i) values[i] = sp + random() % 512;
+  values[unwindstack::kRegSp] = sp;
+  values[unwindstack::kRegPc] = base + random() % length;
   unwindstack_wrapper unwinder;
   assert(unwinder._unwind_ucontext_with_reg(regs.get()));
   assert(unwinder.num_frames <= 64 && unwinder.num_frames > 0);

@@ -1,149 +1,230 @@
-// The unwinder: the rendezvous with a thread; its frames against what a debugger and the code
-// itself say, and against stacks and files that lie; their text.
+// The rendezvous with a thread: what it leaves of the thread, of signal 33 and of the heap's lock.
 #include "unwind/unwindstack_wrapper.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <link.h>
 #include <poll.h>
 #include <setjmp.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
-#include <sstream>
-
 #include "support/fakes.h"
+#include "support/frames.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
-#include "support/test_root.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 
-static std::atomic<long> heap_calls;
+using Entry = unwindstack_wrapper_thread;
+
+// Calls of the heap while the thread of this entry is stopped.
+static std::atomic<Entry*> heap_entry;
+static std::atomic<long> heap_calls_while_stopped;
 #if !SANITIZED  // whose allocator cannot be replaced
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* malloc(size_t size) {
-  ++heap_calls;
+  const Entry* const entry = heap_entry;
+  if (entry != nullptr && entry->wait_value_ == kRendezvousContextSaved) ++heap_calls_while_stopped;
   return __libc_malloc(size);
 }
 #endif
 
-#define PLAIN_FUNCTION __attribute__((noinline, no_sanitize("address", "undefined", "thread")))
-
 namespace {
 
+using namespace frames;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using Entry = unwindstack_wrapper_thread;
-using Frames = std::vector<unwindstack::FrameData>;
-using PluginCall = int (*)(void (*callback)(void*), void* arg);
 
-Frames Unwind() {
-  unwindstack_wrapper unwinder;
-  EXPECT_TRUE(unwinder.unwind(gettid(), nullptr, 64)) << unwinder.error;
-  return unwinder.frames;
-}
+constexpr char kNoAnswer[] = "Timed out waiting for signal handler to get ucontext data";
 
-// The frames of this thread below a call through that code.
-Frames UnwindThrough(PluginCall call) {
-  Frames frames;
-  call([](void* out) { *static_cast<Frames*>(out) = Unwind(); }, &frames);
-  return frames;
-}
+// The kernel's action for signal 33, which the C library's own call refuses to show.
+struct KernelAction {
+  void (*handler)(int);
+  unsigned long flags;
+  void (*restorer)();
+  uint64_t mask;
+};
 
-std::string Name(const Frames& frames, size_t i) {
-  return i < frames.size() ? frames[i].function_name.c_str() : "(none)";
+KernelAction ActionOfSignal33(const KernelAction* action = nullptr) {
+  KernelAction old = {};
+  EXPECT_EQ(syscall(SYS_rt_sigaction, 33, action, &old, sizeof(old.mask)), 0);
+  return old;
 }
 
-// The index of the first frame of such a function; the number of frames when there is none.
-size_t Find(const Frames& frames, const char* name) {
-  size_t i = 0;
-  while (i < frames.size() && Name(frames, i).find(name) == std::string::npos) ++i;
-  return i;
+bool operator==(const KernelAction& a, const KernelAction& b) {
+  return a.handler == b.handler && a.flags == b.flags && a.mask == b.mask;
 }
 
-// Loads a copy of `from`, which takes the place of a file as an installer has it.
-void* Install(const char* from, const std::string& file) {
-  unlink(file.c_str());
-  test_root::WriteFile(file, test_root::ReadFile(from));
-  return dlopen(file.c_str(), RTLD_NOW);
-}
-
-std::atomic<bool> g_arrived;
-const std::atomic<bool>* g_stop;
-jmp_buf g_back;
-unwindstack_wrapper* g_unwinder;
-
-// Plain C names, so that they need no demangling.
-extern "C" {
-__attribute__((noinline)) void unwind_test_leaf(void*) {
-  g_arrived = true;
-  while (!*g_stop) poll(nullptr, 0, 500);
-}
-__attribute__((noinline)) int unwind_test_recurse(int depth, PluginCall* call) {
-  if (depth > 0) return unwind_test_recurse(depth - 1, call) + 1;
-  const auto in_loader = [](dl_phdr_info*, size_t, void* plugin) {
-    return (*static_cast<PluginCall*>(plugin))(unwind_test_leaf, nullptr);
-  };
-  return dl_iterate_phdr(in_loader, call);
-}
-[[noreturn]] __attribute__((noinline)) void unwind_test_never_returns() {
-  g_unwinder->unwind(gettid(), nullptr, 64);  // has its memory already, as a handler needs it
-  siglongjmp(g_back, 1);
-}
-PLAIN_FUNCTION void unwind_test_tail() {
-  unwind_test_never_returns();
-}
-PLAIN_FUNCTION void unwind_test_trap() {
-  __builtin_trap();
-}
-// Reaches nothing relative to itself, so that a copy works anywhere.
-PLAIN_FUNCTION int unwind_test_bare(void (*callback)(void*), void* arg) {
-  callback(arg);
-  return 1;
-}
-// Its canonical frame address is an expression that jumps back to its own start.
-PLAIN_FUNCTION void unwind_test_endless() {
-  asm volatile(".cfi_escape 0x0f, 0x03, 0x2f, 0xfd, 0xff");
-}
-// Its is the smallest number divided by -1.
-PLAIN_FUNCTION void unwind_test_dividing() {
-  asm volatile(".cfi_escape 0x0f, 0x0c, 0x0f, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x09, 0xff, 0x1b");
-}
+void Sleep(const std::atomic<bool>& stop) {
+  while (!stop) poll(nullptr, 0, 10);
 }
 
 class UnwindstackWrapper : public testing::Test {
  protected:
-  UnwindstackWrapper() { g_arrived = false; }
+  ~UnwindstackWrapper() override { heap_entry = nullptr; }
 
+  // An action that the host puts there by the kernel's own call. Returns what was there.
+  KernelAction InstallHostsAction() {
+    hosts_ = ActionOfSignal33();  // with its way back to the kernel
+    hosts_.handler = [](int) { ++hosts_calls_; };
+    hosts_.flags &= ~static_cast<unsigned long>(SA_SIGINFO);
+    hosts_.mask = 1 << 11;
+    return ActionOfSignal33(&hosts_);
+  }
+
+  static inline std::atomic<int> hosts_calls_;
+  KernelAction hosts_ = {};
   LogCapture log_;
   ScopedFakes restore_;
   unwindstack_wrapper unwinder_;
   const Frames& frames_ = unwinder_.frames;
 };
 
-TEST_F(UnwindstackWrapper, TheCallingThreadWithoutASignalAndOneThatIsGone) {
-  ParkedThread gone([](const auto&) {});
-  gone.Stop();
-  struct sigaction mine = {}, old, seen;
-  mine.sa_handler = [](int) { abort(); };
-  ASSERT_EQ(sigaction(33, &mine, &old), 0);
+TEST_F(UnwindstackWrapper, TheCallingThreadNeedsNoSignal) {
+  const KernelAction before = InstallHostsAction();
+  Entry* const list = Entry::list_;
   EXPECT_TRUE(unwinder_.unwind(gettid(), nullptr, 64));
   EXPECT_EQ(Name(frames_, 0), "_ZN19unwindstack_wrapper6unwindEiP10ucontext_ti");
-  EXPECT_THAT(Name(frames_, 1), HasSubstr("TheCallingThreadWithout"));
+  EXPECT_THAT(Name(frames_, 1), HasSubstr("TheCallingThreadNeedsNoSignal"));
+  EXPECT_EQ(Entry::list_, list);
+  EXPECT_TRUE(unwinder_._unwind_ucontext_current());
+  EXPECT_THAT(Name(frames_, 0), HasSubstr("_unwind_ucontext_current"));
+  ActionOfSignal33(&before);
+}
+
+TEST_F(UnwindstackWrapper, AContextIsUnwoundInPlaceOfTheThread) {
+  ParkedThread thread(Sleep);
+  ucontext_t here;
+  ASSERT_EQ(getcontext(&here), 0);
+  EXPECT_TRUE(unwinder_.unwind(thread.tid(), &here, 64));
+  EXPECT_THAT(Name(frames_, 0), HasSubstr("AContextIsUnwound"));
+}
+
+TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntry) {
+  ParkedThread gone([](const auto&) {});
+  gone.Stop();
   Entry* const list = Entry::list_;
   EXPECT_FALSE(unwinder_.unwind(gone.tid(), nullptr, 64));
   EXPECT_THAT(log_.Lines(),
               ElementsAre("E/unwindstack_wrapper: _unwind_locked: cannot send signal 33 to " +
                           std::to_string(gone.tid()) + ", No such process"));
-  EXPECT_EQ(Entry::list_, list) << "an entry that no handler found goes at once";
-  sigaction(33, &old, &seen);
-  EXPECT_EQ(seen.sa_handler, mine.sa_handler);
+  EXPECT_EQ(unwinder_.error, "");
+  EXPECT_EQ(Entry::list_, list);
 }
 
-// Each is cancelled in a blocking call, most while the unwinder has it parked there.
-TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
+TEST_F(UnwindstackWrapper, AFailureKeepsTheFramesOfTheLastSuccess) {
+  ASSERT_TRUE(unwinder_.unwind(gettid(), nullptr, 2));
+  EXPECT_FALSE(unwinder_._unwind_ucontext_with_reg(nullptr));
+  EXPECT_EQ(unwinder_.error, "Fail to get registers");
+  EXPECT_EQ(frames_.size(), 2u);
+  EXPECT_EQ(unwinder_.num_frames, 2u);
+}
+
+// A filter for one thread, as confined processes have it for all.
+TEST_F(UnwindstackWrapper, ASignalThatAFilterRefusesIsAFailureWithItsReasonAndNotSentOtherwise) {
+  SKIP_UNDER_EMULATION("it has no filters");
+  ParkedThread thread(Sleep);
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  const KernelAction before = InstallHostsAction();
+  hosts_calls_ = 0;
+  std::atomic<bool> unwound{true};
+  ParkedThread([&](const auto&) {
+    if (RefuseCall(SYS_rt_tgsigqueueinfo)) unwound = unwinder_.unwind(thread.tid(), nullptr, 64);
+  }).Stop();
+  EXPECT_FALSE(unwound);
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre("E/unwindstack_wrapper: _unwind_locked: cannot send signal 33 to " +
+                          std::to_string(thread.tid()) + ", Operation not permitted"));
+  EXPECT_EQ(hosts_calls_, 0);
+  EXPECT_EQ(ActionOfSignal33(&before), hosts_);
+}
+
+TEST_F(UnwindstackWrapper, TheCLibrarysActionIsRestoredAfterAnAnswer) {
+  ParkedThread thread(Sleep);
+  const KernelAction before = ActionOfSignal33();
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_EQ(ActionOfSignal33(), before);
+  EXPECT_TRUE(kThreadSanitizer || setgid(getgid()) == 0) << "signals every thread";
+}
+
+TEST_F(UnwindstackWrapper, TheHostsActionIsRestoredAfterAnAnswer) {
+  ParkedThread thread(Sleep);
+  const KernelAction before = InstallHostsAction();
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_EQ(ActionOfSignal33(&before), hosts_);
+}
+
+TEST_F(UnwindstackWrapper, TheHandlerRunsOnTheThreadsSignalStack) {
+  static char signal_stack[64 * 1024];
+  ParkedThread thread([](const auto& stop) {
+    const stack_t stack = {signal_stack, 0, sizeof(signal_stack)}, none = {nullptr, SS_DISABLE, 0};
+    sigaltstack(&stack, nullptr);
+    Sleep(stop);
+    sigaltstack(&none, nullptr);
+  });
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_THAT(signal_stack, testing::Contains(testing::Ne(0)));
+}
+
+TEST_F(UnwindstackWrapper, AThreadHasOneEntryWhoseStepsBeginAgain) {
+  ParkedThread thread(Sleep);
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  Entry* const entry = Entry::list_;
+  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  EXPECT_EQ(Entry::list_, entry);
+  EXPECT_EQ(entry->pid_, getpid());
+  EXPECT_EQ(entry->tid_, thread.tid());
+  EXPECT_EQ(entry->ref_count_, 2) << "one for each handler";
+  EXPECT_EQ(entry->wait_value_, kRendezvousLeaving);
+}
+
+// A stopped thread may hold the lock of the heap.
+class UnwindstackWrapperHeap : public UnwindstackWrapper {
+ protected:
+  UnwindstackWrapperHeap() {
+    EXPECT_TRUE(unwinder_.unwind(thread_.tid(), nullptr, 64));  // makes what stays for the thread
+    heap_calls_while_stopped = 0;
+    heap_entry = Entry::list_;
+  }
+
+  ParkedThread thread_{Sleep};
+};
+
+TEST_F(UnwindstackWrapperHeap, IsNotUsedWhileAThreadIsStopped) {
+  unwindstack_wrapper fresh;
+  ASSERT_TRUE(fresh.unwind(thread_.tid(), nullptr, 64));
+  EXPECT_EQ(heap_calls_while_stopped, 0);
+}
+
+TEST_F(UnwindstackWrapperHeap, IsNotUsedForTheFramesAndTheReasonOfAnEmptiedObject) {
+  std::string().swap(unwinder_.error);
+  Frames().swap(unwinder_.frames);
+  ASSERT_TRUE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  EXPECT_EQ(heap_calls_while_stopped, 0);
+}
+
+TEST_F(UnwindstackWrapperHeap, IsNotUsedForTheReasonOfAFailure) {
+  rlimit files;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  const rlimit none = {0, files.rlim_max};
+  unwindstack_wrapper fresh;
+  setrlimit(RLIMIT_NOFILE, &none);
+  const bool unwound = fresh.unwind(thread_.tid(), nullptr, 64);
+  setrlimit(RLIMIT_NOFILE, &files);
+  EXPECT_FALSE(unwound);
+  EXPECT_EQ(fresh.error, "Fail to parse maps");
+  EXPECT_EQ(heap_calls_while_stopped, 0);
+}
+
+TEST_F(UnwindstackWrapperHeap, IsNotUsedForTheReasonOfMissingRegisters) {
+  Entry::list_->wait_value_ = kRendezvousContextSaved;  // as if the thread were stopped
+  unwindstack_wrapper fresh;
+  heap_calls_while_stopped = 0;
+  EXPECT_FALSE(fresh._unwind_ucontext_with_reg(nullptr));
+  EXPECT_EQ(heap_calls_while_stopped, 0);
+}
+
+// Each is cancelled in a blocking call, most while the unwinder has it stopped there.
+TEST_F(UnwindstackWrapper, ACancelledThreadEndsWithTheSignalUnblocked) {
   if (SANITIZED) GTEST_SKIP() << "their own frames cannot be unwound by a cancellation";
   static std::atomic<int> still_blocked;
   int ends[2];
@@ -168,10 +249,15 @@ TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
     pthread_cancel(victim.handle());
   }
   EXPECT_EQ(still_blocked, 0);
+  close(ends[0]);
+  close(ends[1]);
+}
 
-  // One that unwinds itself reads files under locks: no place to end.
+// It reads files under locks: no place to end.
+TEST_F(UnwindstackWrapper, ACancelledThreadUnwindsItselfToTheEnd) {
+  if (SANITIZED) GTEST_SKIP() << "their own frames cannot be unwound by a cancellation";
   void* const library = Install(UNWIND_PLUGIN_A, test_root::Path("/cancelled.so"));
-  const auto call = reinterpret_cast<PluginCall>(dlsym(library, "plugin_call_a"));
+  const PluginCall call = CallOf(library, "plugin_call_a");
   size_t frames = 0;
   ParkedThread self([&](const auto&) {
     pthread_cancel(pthread_self());
@@ -182,30 +268,45 @@ TEST_F(UnwindstackWrapper, ACancelledThreadEndsAndCanBeUnwoundToItsEnd) {
   EXPECT_GT(frames, 4u);
 }
 
-TEST_F(UnwindstackWrapper, WaitIsForOneValueUntilOneDeadline) {
-  int looks = 0;
-  fakes.clock_gettime = [&](clockid_t clock, timespec* now) {
-    const long result = syscall(SYS_clock_gettime, CLOCK_MONOTONIC, now);
-    // One second is left to wait. Each later look at the clock comes late, as on a busy machine.
-    now->tv_sec += looks == 0 ? -4 : looks;
-    ++looks;
-    return clock == CLOCK_MONOTONIC ? static_cast<int>(result) : -1;
-  };
-  Entry* const entry = Entry::get(100, 1, true);
-  pthread_mutex_lock(&entry->entry_mutex_);
-  entry->wake();
-  EXPECT_FALSE(entry->wait(2));
-  EXPECT_EQ(looks, 3) << "it sleeps once its time to look has gone";
-  looks = 0;
+// One second is left of every wait. Each later look at the clock comes late, as on a busy machine.
+class UnwindstackWrapperWait : public UnwindstackWrapper {
+ protected:
+  UnwindstackWrapperWait() {
+    fakes.clock_gettime = [this](clockid_t clock, timespec* now) {
+      const long result = syscall(SYS_clock_gettime, CLOCK_MONOTONIC, now);
+      now->tv_sec += looks_ == 0 ? -4 : looks_.load();
+      ++looks_;
+      return clock == CLOCK_MONOTONIC ? static_cast<int>(result) : -1;
+    };
+    pthread_mutex_lock(&entry_->entry_mutex_);
+  }
+  ~UnwindstackWrapperWait() override { Entry::remove(entry_); }
+
+  static std::string Failed(int value) {
+    return "E/unwindstack_wrapper: pthread_cond_timedwait for value " + std::to_string(value) +
+           " failed: Connection timed out\n";
+  }
+
+  std::atomic<int> looks_{0};
+  Entry* const entry_ = Entry::get(100, 1, true);
+};
+
+TEST_F(UnwindstackWrapperWait, SleepsOnceItsTimeToLookHasGone) {
+  entry_->wake();
+  EXPECT_FALSE(entry_->wait(2));
+  EXPECT_EQ(looks_, 3);
+  EXPECT_THAT(log_.Lines(), ElementsAre(Failed(2)));
+}
+
+TEST_F(UnwindstackWrapperWait, IsNotExtendedByWakesAndNotForALaterValue) {
+  entry_->wake();
+  entry_->wake();
   ParkedThread waker([&](const auto& stop) {
-    for (; !stop; usleep(10000)) entry->wake();
+    for (; !stop; usleep(10000)) entry_->wake();
   });
-  EXPECT_FALSE(entry->wait(1)) << "the counter has gone past";  // no wake extends the deadline
+  EXPECT_FALSE(entry_->wait(1));
   waker.Stop();
-  const std::string wait = "E/unwindstack_wrapper: pthread_cond_timedwait for value ",
-                    failed = " failed: Connection timed out\n";
-  EXPECT_THAT(log_.Lines(), ElementsAre(wait + "2" + failed, wait + "1" + failed));
-  Entry::remove(entry);
+  EXPECT_THAT(log_.Lines(), ElementsAre(Failed(1)));
 }
 
 TEST_F(UnwindstackWrapper, AHandlerThatJumpsDoesNotJumpOutOfTheUnwindersOwn) {
@@ -230,7 +331,7 @@ TEST_F(UnwindstackWrapper, AHandlerThatJumpsDoesNotJumpOutOfTheUnwindersOwn) {
   EXPECT_EQ(cancel_state, PTHREAD_CANCEL_ENABLE);
 }
 
-TEST_F(UnwindstackWrapper, AProcessThatItsFirstThreadHasLeft) {
+TEST_F(UnwindstackWrapper, AProcessThatItsFirstThreadHasLeftIsUnwound) {
   if (SANITIZED || Emulated()) GTEST_SKIP() << "no threads in the child of a fork";
   const auto run = [] {
     std::thread([] {
@@ -245,249 +346,55 @@ TEST_F(UnwindstackWrapper, AProcessThatItsFirstThreadHasLeft) {
 }
 
 // The unwinder gives up after five seconds; the signal is still on its way and finds nobody.
-class UnwindstackWrapperSilence : public UnwindstackWrapper,
-                                  public testing::WithParamInterface<bool> {};
-INSTANTIATE_TEST_SUITE_P(, UnwindstackWrapperSilence, testing::Bool());
+class UnwindstackWrapperSilence : public UnwindstackWrapper {
+ protected:
+  void SetUp() override {
+    while (!blocked_) usleep(1000);
+  }
+  void UnblockAndUnwindAgain() {
+    for (unblock_ = true; blocked_;) usleep(1000);
+    EXPECT_TRUE(unwinder_.unwind(thread_.tid(), nullptr, 64)) << unwinder_.error;
+  }
 
-TEST_P(UnwindstackWrapperSilence, OfAThreadThatBlocksTheSignalAndMayEndInstead) {
-  const bool ends = GetParam();
-  std::atomic<bool> blocked{false}, unblock{false};
-  ParkedThread thread([&](const auto& stop) {
+  std::atomic<bool> blocked_{false}, unblock_{false}, ended_{false};
+  // Blocks the signal until it is told to stop blocking; then stays, or ends without unblocking.
+  ParkedThread thread_{[this](const auto& stop) {
     BlockUnwindSignal(true);
-    blocked = true;
-    for (int i = 0; !unblock && !(ends && i == 1000); ++i) usleep(1000);
-    BlockUnwindSignal(ends);
-    for (blocked = false; !ends && !stop;) usleep(1000);
-  });
-  while (!blocked) usleep(1000);
-  EXPECT_FALSE(unwinder_.unwind(thread.tid(), nullptr, 64));
-  EXPECT_EQ(unwinder_.error, ends ? "target thread does not exist"
-                                  : "Timed out waiting for signal handler to get ucontext data");
-  EXPECT_TRUE(ends || log_.Has("_unwind_locked: " + unwinder_.error + ". "));
+    blocked_ = true;
+    while (!unblock_ && !ended_) usleep(1000);
+    if (ended_) return;
+    BlockUnwindSignal(false);
+    blocked_ = false;
+    Sleep(stop);
+  }};
+};
+
+TEST_F(UnwindstackWrapperSilence, OfAThreadThatBlocksTheSignalLeavesItIgnored) {
+  EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  EXPECT_EQ(unwinder_.error, kNoAnswer);
+  EXPECT_TRUE(log_.Has(std::string("_unwind_locked: ") + kNoAnswer + ". "));
   struct sigaction now;
   sigaction(33, nullptr, &now);
   EXPECT_EQ(now.sa_handler, SIG_IGN);
-  for (unblock = true; blocked;) usleep(1000);
-  EXPECT_EQ(unwinder_.unwind(thread.tid(), nullptr, 64), !ends) << "it answers again";
+  UnblockAndUnwindAgain();
 }
 
-constexpr char kDebuggersFrames[] = R"(
-for thread in gdb.selected_inferior().threads():
-    if thread.ptid[1] == tid:
-        thread.switch()
-frame = gdb.newest_frame()
-while frame:
-    if frame.type() != gdb.INLINE_FRAME:
-        print('FRAME', frame.pc(), str(frame.name()).split('::')[-1])
-    frame = frame.older()
-)";
-
-TEST_F(UnwindstackWrapper, AThreadInTheLoaderWithoutItsLocksOrTheHeapAsTheDebuggerSeesIt) {
-  void* const library = Install(UNWIND_PLUGIN_A, test_root::Path("/plugin.so"));  // a new one
-  auto call = reinterpret_cast<PluginCall>(dlsym(library, "plugin_call_a"));
-  std::atomic<bool> go{false};
-  static char signal_stack[64 * 1024];
-  ParkedThread thread([&](const auto& stop) {
-    const stack_t stack = {signal_stack, 0, sizeof(signal_stack)}, none = {nullptr, SS_DISABLE, 0};
-    sigaltstack(&stack, nullptr);
-    g_stop = &stop;
-    while (!go) usleep(1000);
-    unwind_test_recurse(64, &call);
-    sigaltstack(&none, nullptr);
+TEST_F(UnwindstackWrapperSilence, OfAThreadThatEndsSaysSo) {
+  ParkedThread ending([this](const auto&) {
+    sleep(1);
+    ended_ = true;
   });
-  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));  // makes what stays for the thread
-  EXPECT_GT(heap_calls, SANITIZED ? -1 : 0);
-  go = true;
-  while (!g_arrived) usleep(1000);
-  usleep(20000);  // until it sleeps
-  for (const int limit : {2, 63, 64, 1, 65, -1}) {
-    const bool possible = limit >= 2 && limit <= 64;
-    const long before = heap_calls;
-    ASSERT_EQ(unwinder_.unwind(thread.tid(), nullptr, limit), possible) << unwinder_.error;
-    EXPECT_EQ(heap_calls, before);
-    EXPECT_EQ(frames_.size(), static_cast<size_t>(possible ? limit : 64));
-    EXPECT_EQ(unwinder_.num_frames, frames_.size());
-    EXPECT_EQ(Entry::list_->wait_value_, 3) << "steps from 0 again";
-  }
-  EXPECT_THAT(signal_stack, testing::Contains(testing::Ne(0))) << "another stack was used";
-  EXPECT_LT(Find(frames_, "plugin_call_a"), Find(frames_, "dl_iterate_phdr"));
-  EXPECT_EQ(Name(frames_, 63), "unwind_test_recurse");
-  EXPECT_EQ(unwinder_.frame_string(64), "");
-  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
-  EXPECT_FALSE(unwinder_._unwind_ucontext_with_reg(nullptr));
-  EXPECT_EQ(unwinder_.error, "Fail to get registers");
-
-  if (Emulated() || system("gdb --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no debugger";
-  const std::string script = test_root::Path("/frames.py"), output = test_root::Path("/frames.txt");
-  test_root::WriteFile(script, kDebuggersFrames);
-  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
-  const std::string command = "gdb -nx -batch -p " + std::to_string(getpid()) +
-                              " -ex 'python tid = " + std::to_string(thread.tid()) + "' -x " +
-                              script + " >" + output + " 2>&1";
-  ASSERT_EQ(system(command.c_str()), 0);
-  std::istringstream words(test_root::ReadFile(output));
-  SCOPED_TRACE(words.str());
-  size_t i = 0;
-  for (std::string word, name; words >> word && i < frames_.size();) {
-    uint64_t pc;
-    if (word != "FRAME" || !(words >> pc >> name)) continue;
-    EXPECT_EQ(frames_[i].pc, pc);
-    const std::string own = Name(frames_, i);
-    const bool in_libc = strstr(frames_[i].map_name.c_str(), "libc") != nullptr;
-    EXPECT_TRUE(own == name || own == "" || own.compare(0, 2, "_Z") == 0 || in_libc) << own;
-    ++i;
-  }
-  EXPECT_EQ(i, 64u);
+  EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  EXPECT_EQ(unwinder_.error, "target thread does not exist");
 }
 
-TEST_F(UnwindstackWrapper, FunctionAtItsFirstAndAtItsLastInstructionHasItsOwnName) {
-  g_unwinder = &unwinder_;
-  for (const int signal_number : {SIGILL, SIGTRAP}) {
-    signal(signal_number, [](int) { unwind_test_never_returns(); });
-  }
-  if (sigsetjmp(g_back, 1) == 0) unwind_test_trap();
-  for (const int signal_number : {SIGILL, SIGTRAP}) signal(signal_number, SIG_DFL);
-  const size_t trap = Find(frames_, "unwind_test_trap");
-  EXPECT_THAT(Name(frames_, trap + 1), HasSubstr("AtItsFirstAndAtItsLast"));
-  EXPECT_EQ(frames_.at(trap).function_offset, 0u);
-
-  if (sigsetjmp(g_back, 1) == 0) unwind_test_tail();
-  const size_t callee = Find(frames_, "unwind_test_never_returns");
-  EXPECT_EQ(Name(frames_, callee + 1), "unwind_test_tail");
-  EXPECT_THAT(Name(frames_, callee + 2), HasSubstr("AtItsFirstAndAtItsLast"));
-}
-
-TEST_F(UnwindstackWrapper, GeneratedCodeIsPassedByItsFramePointer) {
-  constexpr size_t kSize = 64;  // more than it takes
-  void* page =
-      mmap(nullptr, kSize, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  memcpy(page, reinterpret_cast<const void*>(&unwind_test_bare), kSize);
-  __builtin___clear_cache(static_cast<char*>(page), static_cast<char*>(page) + kSize);
-  const Frames frames = UnwindThrough(reinterpret_cast<PluginCall>(page));
-  size_t at = 0;
-  while (at < frames.size() && frames[at].map_start != reinterpret_cast<uint64_t>(page)) ++at;
-  ASSERT_LT(at, frames.size());
-  EXPECT_LT(frames[at].rel_pc, kSize);
-  EXPECT_TRUE(frames[at].map_name.empty() && frames[at].function_name.empty());
-  EXPECT_THAT(Name(frames, at + 1), HasSubstr("UnwindThrough"));
-  munmap(page, kSize);
-}
-
-TEST_F(UnwindstackWrapper, LibraryIsNamedFromItsOwnFileOrFromMemory) {
-  const std::string file = test_root::Path("/plug\nin.so"), shown = file + " (deleted)";
-  void* library = Install(UNWIND_PLUGIN_A, file);
-  void* call = dlsym(library, "plugin_call_a");
-  const Frames frames = UnwindThrough(reinterpret_cast<PluginCall>(call));
-  const size_t at = Find(frames, "plugin_call_a");
-  ASSERT_LT(at, frames.size());
-  EXPECT_EQ(Name(frames, at - 1), "") << "a name for code that has none";
-  EXPECT_STREQ(frames[at].map_name.c_str(), test_root::Path("/plug\\012in.so").c_str());
-  EXPECT_EQ(frames[at].pc - frames[at].function_offset, reinterpret_cast<uint64_t>(call));
-  EXPECT_EQ(frames[at].pc - frames[at].rel_pc, static_cast<link_map*>(library)->l_addr);
-
-  // What the linker adds to every library has no tables: the way up leads through it all the same.
-  static Frames unloading;
-  const auto at_exit = reinterpret_cast<int (*)(void (*)())>(dlsym(library, "plugin_at_exit"));
-  ASSERT_EQ(at_exit([] { unloading = Unwind(); }), 0);
-  dlclose(library);
-  EXPECT_LT(Find(unloading, "dlclose") + 1, unloading.size());
-  call = dlsym(Install(UNWIND_PLUGIN_B, file), "plugin_call_b");  // most often in the same place
-  const auto all = [call] {
-    std::string text;
-    for (const auto& frame : UnwindThrough(reinterpret_cast<PluginCall>(call))) {
-      text = text + frame.map_name.c_str() + ": " + frame.function_name.c_str() + "\n";
-    }
-    return text;
-  };
-  EXPECT_THAT(all(), HasSubstr("plugin_call_b"));
-  if (Emulated()) return;
-  // The name now leads to another file than the one that is mapped, and so does the one that the
-  // list shows; then both lead to none. Without privileges only memory is left to read.
-  test_root::WriteFile(shown, test_root::ReadFile(UNWIND_PLUGIN_A));
-  ASSERT_EQ(rename(shown.c_str(), file.c_str()) + link(file.c_str(), shown.c_str()), 0);
-  constexpr char kDeleted[] = " (deleted): plugin_call_b\n";
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_THAT(all(), HasSubstr(kDeleted));
-    const pid_t child = fork();
-    if (child == 0) {
-      const bool confined = (getuid() != 0 || setuid(65534) == 0) && RefuseNewCalls();
-      _exit(confined && all().find(kDeleted) != std::string::npos ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    unlink(file.c_str());
-    unlink(shown.c_str());
-  }
-}
-
-TEST_F(UnwindstackWrapper, BrokenContextShowsNoGarbageAndTheCallerWhereItCan) {
-  const size_t page = static_cast<size_t>(getpagesize());
-  auto* stack = static_cast<char*>(
-      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-  ASSERT_EQ(mprotect(stack + page, page, PROT_NONE), 0);
-  const auto end = reinterpret_cast<uint64_t>(stack + page);
-  const auto in_code = reinterpret_cast<uint64_t>(&unwind_test_leaf) + 8;
-  const auto in_endless = reinterpret_cast<uint64_t>(&unwind_test_endless);
-  const auto in_dividing = reinterpret_cast<uint64_t>(&unwind_test_dividing);
-  const auto in_data = reinterpret_cast<uint64_t>(&g_back);
-  void* const vdso = dlopen("linux-vdso.so.1", RTLD_NOW | RTLD_NOLOAD);
-  const auto in_vdso = reinterpret_cast<uint64_t>(dlsym(vdso, "__vdso_clock_gettime"));
-  using unwindstack::Regs;
-  constexpr char kLeaf[] = "unwind_test_leaf";
-  const struct {
-    const char* what;
-    uint64_t pc, sp, returns_to;
-    const char *first, *second;
-  } rows[] = {
-      {"call through null", 0, end - 64, in_code, "", kLeaf},
-      {"call into data", in_data, end - 64, in_code, "", kLeaf},
-      {"call to the top", UINT64_MAX, end - 64, in_code, "", kLeaf},
-      {"call of the vdso", in_vdso, end - 64, in_code, vdso ? "__vdso_clock_gettime" : "", kLeaf},
-      {"nothing to return to", 0, end - 64, 0, "", "(none)"},
-      {"data to return to", 1, end - 64, in_data, "", "(none)"},
-      {"stack at its end", 0, end - 4, 0, "", "(none)"},
-      {"no stack", in_code, end, 0, kLeaf, "(none)"},
-      {"stack at the top", in_code, UINT64_MAX - 3, 0, kLeaf, "(none)"},
-      {"stack not there", in_code, 8, 0, kLeaf, "(none)"},
-      {"table without an end", in_endless, end - 64, 0, "unwind_test_endless", "(none)"},
-      {"table that divides", in_dividing, end - 64, 0, "unwind_test_dividing", "(none)"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    memcpy(stack + page - 64, &row.returns_to, sizeof(row.returns_to));
-    const std::unique_ptr<Regs> regs(Regs::CreateFromLocal());
-    auto* const values = static_cast<uint64_t*>(regs->RawData());
-    values[Regs::kSp] = row.sp;
-    values[Regs::kPc] = row.pc;
-#if !defined(__x86_64__)
-    values[Regs::kLr] = row.returns_to;
-#endif
-    ASSERT_TRUE(unwinder_._unwind_ucontext_with_reg(regs.get()));
-    EXPECT_EQ(frames_.at(0).pc, row.pc);
-    EXPECT_EQ(Name(frames_, 0), row.first);
-    EXPECT_EQ(Name(frames_, 1), row.second);
-    EXPECT_LE(frames_.size(), 3u);
-  }
-  munmap(stack, 2 * page);
-}
-
-TEST_F(UnwindstackWrapper, FramesAsText) {
-  auto& frame = unwinder_.frames.emplace_back();
-  unwinder_.num_frames = 1;
-  frame.num = 7;
-  frame.rel_pc = 0xabc;
-  frame.function_name = "_Z1fv";
-  EXPECT_EQ(unwinder_.frame_string(0), "  #07 pc 0000000000000abc  <unknown> (_Z1fv)");
-  frame.map_end = 0x10;
-  frame.function_offset = 12;
-  EXPECT_EQ(unwinder_.frame_string(0), "  #07 pc 0000000000000abc  <anonymous:0> (_Z1fv+12)");
-  frame.num = 100;
-  frame.map_elf_start_offset = 0x1000;
-  frame.map_name = "/lib/x";
-  frame.function_name = "";
-  unwinder_.is_32bit = true;
-  EXPECT_EQ(unwinder_.frame_string(0), "  #100 pc 00000abc (offset 0x1000)  /lib/x");
+TEST_F(UnwindstackWrapperSilence, RestoresTheHostsActionAndSendsItNothingLate) {
+  const KernelAction before = InstallHostsAction();
+  hosts_calls_ = 0;
+  EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  EXPECT_EQ(ActionOfSignal33(), hosts_);
+  ActionOfSignal33(&before);
+  UnblockAndUnwindAgain();
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "interned_text.h"
+#include "pages.h"
 
 namespace unwindstack {
 namespace {
@@ -16,20 +16,20 @@ constexpr uint16_t kMachine = EM_X86_64;
 constexpr uint16_t kMachine = EM_AARCH64;
 #endif
 
-// Beyond these a file is taken for broken; they bound the time and the memory it can cost.
+// A file that goes beyond these counts as broken; they bound the time and memory that it can cost.
 constexpr uint64_t kMaxSymbols = 4 << 20;
 constexpr uint64_t kMaxNames = 512 << 20;
 constexpr uint64_t kMaxNameLength = 16 << 10;
 constexpr uint64_t kMaxSections = 1 << 20;
 
-// How far back from an address a function is looked for whose end lies beyond other symbols.
+// How many symbols before an address are searched for a function that encloses it.
 constexpr size_t kMaxNesting = 32;
 
 // The number of symbols by a DT_GNU_HASH table: one past the last of the last chain.
 uint64_t CountByGnuHash(ByteSource* source, uint64_t table) {
   uint32_t head[4];  // buckets, first symbol, words of the filter, shift
   if (!source->Load(table, &head)) return 0;
-  uint64_t buckets = table + sizeof(head) + uint64_t{head[2]} * 8;
+  const uint64_t buckets = table + sizeof(head) + uint64_t{head[2]} * 8;
   uint64_t last = 0;
   for (uint64_t i = 0; i < head[0] && i < kMaxSymbols; ++i) {
     uint32_t bucket;
@@ -115,7 +115,7 @@ bool ElfImage::ReadHeaders(ByteSource* source) {
 }
 
 bool ElfImage::ReadSectionSymbols(ByteSource* source) {
-  for (uint32_t wanted : {uint32_t{SHT_SYMTAB}, uint32_t{SHT_DYNSYM}}) {
+  for (const uint32_t wanted : {uint32_t{SHT_SYMTAB}, uint32_t{SHT_DYNSYM}}) {
     for (uint64_t i = 0; i < section_count_; ++i) {
       Elf64_Shdr section, names;
       if (!source->Load(sections_at_ + i * sizeof(section), &section)) break;
@@ -123,7 +123,7 @@ bool ElfImage::ReadSectionSymbols(ByteSource* source) {
       if (section.sh_link < section_count_ &&
           source->Load(sections_at_ + section.sh_link * sizeof(names), &names) &&
           names.sh_type == SHT_STRTAB &&
-          TakeSymbols(source, section.sh_offset, section.sh_size / sizeof(Elf64_Sym),
+          CopySymbols(source, section.sh_offset, section.sh_size / sizeof(Elf64_Sym),
                       names.sh_offset, names.sh_size)) {
         return true;
       }
@@ -134,15 +134,15 @@ bool ElfImage::ReadSectionSymbols(ByteSource* source) {
 
 bool ElfImage::ReadDynamicSymbols(ByteSource* source, uint64_t base) {
   // The loader may have replaced the section's image addresses by real ones.
-  uint64_t bias = base - first_bytes_.vaddr;
+  const uint64_t bias = base - first_bytes_.vaddr;
   uint64_t symbols = 0, names = 0, names_size = 0, hash = 0, gnu_hash = 0;
   for (uint64_t i = 0; i < dynamic_.size / sizeof(Elf64_Dyn); ++i) {
     Elf64_Dyn entry;
     if (!source->Load(dynamic_.vaddr - first_bytes_.vaddr + i * sizeof(entry), &entry))
       return false;
     if (entry.d_tag == DT_NULL) break;
-    uint64_t vaddr = entry.d_un.d_ptr >= bias ? entry.d_un.d_ptr - bias : entry.d_un.d_ptr;
-    uint64_t offset = vaddr - first_bytes_.vaddr;
+    const uint64_t vaddr = entry.d_un.d_ptr >= bias ? entry.d_un.d_ptr - bias : entry.d_un.d_ptr;
+    const uint64_t offset = vaddr - first_bytes_.vaddr;
     if (entry.d_tag == DT_SYMTAB) symbols = offset;
     if (entry.d_tag == DT_STRTAB) names = offset;
     if (entry.d_tag == DT_STRSZ) names_size = entry.d_un.d_val;
@@ -152,10 +152,10 @@ bool ElfImage::ReadDynamicSymbols(ByteSource* source, uint64_t base) {
   uint64_t count = gnu_hash != 0 ? CountByGnuHash(source, gnu_hash) : 0;
   uint32_t head[2];  // buckets, symbols
   if (count == 0 && hash != 0 && source->Load(hash, &head)) count = head[1];
-  return symbols != 0 && names != 0 && TakeSymbols(source, symbols, count, names, names_size);
+  return symbols != 0 && names != 0 && CopySymbols(source, symbols, count, names, names_size);
 }
 
-bool ElfImage::TakeSymbols(ByteSource* source, uint64_t symbols_at, uint64_t count,
+bool ElfImage::CopySymbols(ByteSource* source, uint64_t symbols_at, uint64_t count,
                            uint64_t names_at, uint64_t names_size) {
   char probe;
   if (count == 0 || count > kMaxSymbols || names_size == 0 || names_size > kMaxNames ||
@@ -179,32 +179,32 @@ bool ElfImage::TakeSymbols(ByteSource* source, uint64_t symbols_at, uint64_t cou
   for (size_t i = 0; i < count; ++i) {
     Elf64_Sym raw;
     memcpy(&raw, &symbols_[i], sizeof(raw));
-    if (TakeSymbol(raw, &symbols_[kept])) ++kept;
+    if (ConvertSymbol(raw, &symbols_[kept])) ++kept;
   }
   SortSymbols(kept);
   return symbol_count_ > 0;
 }
 
-bool ElfImage::TakeSymbol(const Elf64_Sym& raw, Symbol* symbol) const {
-  unsigned type = ELF64_ST_TYPE(raw.st_info);
-  bool function = type == STT_FUNC || type == STT_GNU_IFUNC;
+bool ElfImage::ConvertSymbol(const Elf64_Sym& raw, Symbol* symbol) const {
+  const unsigned type = ELF64_ST_TYPE(raw.st_info);
+  const bool function = type == STT_FUNC || type == STT_GNU_IFUNC;
   if (!function && type != STT_NOTYPE) return false;
   if (raw.st_shndx == SHN_UNDEF || raw.st_name >= names_size_ - 1) return false;
   if (!function && raw.st_shndx >= SHN_LORESERVE && raw.st_shndx != SHN_XINDEX) return false;
   const char* name = names_ + raw.st_name;
   if (name[0] == '\0' || (!function && (name[0] == '$' || name[0] == '.'))) return false;
   if (CodeSegment(raw.st_value) == nullptr) return false;
-  unsigned binding = ELF64_ST_BIND(raw.st_info);
-  uint32_t rank = (raw.st_size == 0 ? 8 : 0) + (function ? 0 : 4) +
-                  (binding == STB_GLOBAL ? 0
-                   : binding == STB_WEAK ? 1
-                                         : 2);
-  uint64_t size = std::min<uint64_t>(raw.st_size, UINT32_MAX);
+  const unsigned binding = ELF64_ST_BIND(raw.st_info);
+  const uint32_t rank = (raw.st_size == 0 ? 8 : 0) + (function ? 0 : 4) +
+                        (binding == STB_GLOBAL ? 0
+                         : binding == STB_WEAK ? 1
+                                               : 2);
+  const uint64_t size = std::min<uint64_t>(raw.st_size, UINT32_MAX);
   *symbol = {raw.st_value, static_cast<uint32_t>(size), raw.st_name, rank, 0};
   return true;
 }
 
-// Of several names for one address one stays: sized before unsized, function before label, global
+// Keeps one of several names for one address: sized before unsized, function before label, global
 // before weak before local, then the longest extent, then the first in the alphabet.
 void ElfImage::SortSymbols(size_t count) {
   std::sort(symbols_, symbols_ + count, [this](const Symbol& a, const Symbol& b) {
@@ -213,8 +213,9 @@ void ElfImage::SortSymbols(size_t count) {
     if (a.size != b.size) return a.size > b.size;
     return strncmp(names_ + a.name, names_ + b.name, kMaxNameLength) < 0;
   });
-  Symbol* end = std::unique(symbols_, symbols_ + count,
-                            [](const Symbol& a, const Symbol& b) { return a.value == b.value; });
+  Symbol* const end = std::unique(symbols_, symbols_ + count, [](const Symbol& a, const Symbol& b) {
+    return a.value == b.value;
+  });
   symbol_count_ = static_cast<size_t>(end - symbols_);
 }
 
@@ -228,10 +229,10 @@ const ElfImage::Segment* ElfImage::CodeSegment(uint64_t vaddr) const {
 
 bool ElfImage::VaddrOfOffset(uint64_t offset, uint64_t* vaddr) const {
   const auto page = static_cast<uint64_t>(getpagesize());
-  for (uint32_t needed : {uint32_t{PF_X}, 0U}) {
+  for (const uint32_t needed : {uint32_t{PF_X}, 0U}) {
     for (size_t i = 0; i < segment_count_; ++i) {
       const Segment& segment = segments_[i];
-      uint64_t first = segment.offset & ~(page - 1);
+      const uint64_t first = segment.offset & ~(page - 1);
       if ((segment.flags & needed) == needed && offset >= first &&
           offset - first < segment.filesz + (segment.offset - first)) {
         *vaddr = segment.vaddr + (offset - segment.offset);

@@ -1,7 +1,7 @@
 // What the unwinder needs of an ELF file: where its segments lie, its unwind table, its functions.
 //
-// Files and memory images are read as untrusted bytes through ByteSource: every offset, size and
-// count is checked against what the source gives. Memory comes from pages of the class's own.
+// Files and memory images are untrusted bytes, read through ByteSource: every offset, size and
+// count is checked against what the source has. The class uses no heap: it maps pages.
 #ifndef QUORVEL_HOST_UNWINDSTACK_ELF_IMAGE_H_
 #define QUORVEL_HOST_UNWINDSTACK_ELF_IMAGE_H_
 
@@ -50,13 +50,13 @@ class ElfImage {
   ElfImage& operator=(const ElfImage&) = delete;
 
   // Reads the headers; false when they are not those of an image of this machine that is mapped in
-  // segments. Forgets what was read before.
+  // segments. Discards what was read before.
   bool ReadHeaders(ByteSource* source);
 
-  // Takes the functions from .symtab, or from .dynsym where there is none, by the section headers.
+  // Reads the functions of .symtab, or of .dynsym if there is none, by the section headers.
   bool ReadSectionSymbols(ByteSource* source);
 
-  // Takes the functions from the dynamic section of an image in memory: `source` counts from the
+  // Reads the functions of the dynamic section of an image in memory: `source` counts from the
   // image's first mapped byte, which lies at address `base`.
   bool ReadDynamicSymbols(ByteSource* source, uint64_t base);
 
@@ -81,18 +81,18 @@ class ElfImage {
     uint64_t offset, vaddr, filesz, memsz;
     uint32_t flags;
   };
-  struct Symbol {  // in the room of an Elf64_Sym, which it replaces
+  struct Symbol {  // as large as an Elf64_Sym, which it replaces in place
     uint64_t value;
     uint32_t size;
     uint32_t name;
-    uint32_t rank;  // among symbols of one value the lowest counts
+    uint32_t rank;  // of symbols with one value the lowest is kept
     uint32_t unused;
   };
   static constexpr size_t kMaxSegments = 32;
 
-  bool TakeSymbols(ByteSource* source, uint64_t symbols_at, uint64_t count, uint64_t names_at,
+  bool CopySymbols(ByteSource* source, uint64_t symbols_at, uint64_t count, uint64_t names_at,
                    uint64_t names_size);
-  bool TakeSymbol(const Elf64_Sym& raw, Symbol* symbol) const;
+  bool ConvertSymbol(const Elf64_Sym& raw, Symbol* symbol) const;
   void SortSymbols(size_t count);
   void ClearSymbols();
   const Segment* CodeSegment(uint64_t vaddr) const;

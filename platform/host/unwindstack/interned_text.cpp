@@ -1,9 +1,8 @@
 #include "interned_text.h"
 
 #include <string.h>
-#include <sys/mman.h>
 
-#include <unwindstack/SharedString.h>
+#include "pages.h"
 
 namespace unwindstack {
 namespace {
@@ -11,7 +10,7 @@ namespace {
 constexpr size_t kBuckets = 4096;
 constexpr size_t kChunkSize = 256 * 1024;
 
-// Texts are cut from chunks; the room left at a chunk's end when a new one is begun is lost.
+// Texts are cut from chunks; the space left at a chunk's end when a new one is begun is lost.
 struct Chunk {
   std::atomic<size_t> used;
 };
@@ -26,18 +25,23 @@ std::atomic<const InternedText*> g_buckets[kBuckets];
 std::atomic<Chunk*> g_chunk;
 std::atomic<StringNode*> g_strings;
 
-void* Allocate(size_t size) {
-  size = (size + alignof(InternedText) - 1) & ~(alignof(InternedText) - 1);
+constexpr size_t AlignUp(size_t size) {
+  return (size + alignof(InternedText) - 1) & ~(alignof(InternedText) - 1);
+}
+
+// Zeroed; null when memory is exhausted.
+void* Allocate(size_t wanted) {
+  const size_t size = AlignUp(wanted);
   if (size > kChunkSize / 4) return MapPages(size);
   for (;;) {
     Chunk* chunk = g_chunk.load(std::memory_order_acquire);
     if (chunk != nullptr) {
-      size_t at = chunk->used.fetch_add(size, std::memory_order_relaxed);
+      const size_t at = chunk->used.fetch_add(size, std::memory_order_relaxed);
       if (at + size <= kChunkSize) return reinterpret_cast<char*>(chunk) + at;
     }
-    auto* fresh = static_cast<Chunk*>(MapPages(kChunkSize));
+    auto* const fresh = static_cast<Chunk*>(MapPages(kChunkSize));
     if (fresh == nullptr) return nullptr;
-    fresh->used.store((sizeof(Chunk) + 15) & ~size_t{15}, std::memory_order_relaxed);
+    fresh->used.store(AlignUp(sizeof(Chunk)), std::memory_order_relaxed);
     if (!g_chunk.compare_exchange_strong(chunk, fresh, std::memory_order_acq_rel)) {
       UnmapPages(fresh, kChunkSize);
     }
@@ -61,32 +65,26 @@ const std::string& Empty() {
 
 }  // namespace
 
-void* MapPages(size_t size) {
-  void* pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return pages == MAP_FAILED ? nullptr : pages;
-}
-
-void UnmapPages(void* pages, size_t size) {
-  if (pages != nullptr) munmap(pages, size);
-}
-
 const InternedText* Intern(std::string_view text) {
   if (text.empty()) return nullptr;
-  size_t hash = std::hash<std::string_view>()(text);
+  const size_t hash = std::hash<std::string_view>()(text);
   std::atomic<const InternedText*>& bucket = g_buckets[hash % kBuckets];
   const InternedText* head = bucket.load(std::memory_order_acquire);
   if (const InternedText* known = Search(head, hash, text)) return known;
 
-  auto* fresh = static_cast<InternedText*>(Allocate(sizeof(InternedText) + text.size() + 1));
+  auto* const fresh = static_cast<InternedText*>(Allocate(sizeof(InternedText) + text.size() + 1));
   if (fresh == nullptr) return nullptr;
   fresh->hash = hash;
   fresh->length = text.size();
-  memcpy(static_cast<void*>(fresh + 1), text.data(),
-         text.size());  // the NUL is there: pages come zeroed
+  memcpy(static_cast<void*>(fresh + 1), text.data(), text.size());  // the NUL is there already
   do {
     fresh->next = head;
   } while (!bucket.compare_exchange_weak(head, fresh, std::memory_order_acq_rel));
   return fresh;
+}
+
+SharedString MakeSharedString(const InternedText* text) {
+  return SharedString(text);
 }
 
 SharedString::SharedString(const char* text) : text_(text ? Intern(text) : nullptr) {}
@@ -101,7 +99,7 @@ SharedString::operator const std::string&() const {
   if (text_ == nullptr) return Empty();
   const std::string* string = text_->string.load(std::memory_order_acquire);
   if (string != nullptr) return *string;
-  auto* node = new StringNode{std::string(text_->c_str(), text_->length), nullptr};
+  auto* const node = new StringNode{std::string(text_->c_str(), text_->length), nullptr};
   if (!text_->string.compare_exchange_strong(string, &node->string, std::memory_order_acq_rel)) {
     delete node;
     return *string;

@@ -6,8 +6,6 @@
 #include <stdint.h>
 #include <ucontext.h>
 
-#include <unwindstack/Regs.h>
-
 namespace unwindstack {
 
 // How much of the front of a machine context ReadMachineContext looks at.
@@ -17,7 +15,7 @@ constexpr size_t kMachineContextHead = sizeof(gregset_t);
 constexpr size_t kMachineContextHead = offsetof(mcontext_t, pc) + sizeof(uint64_t);
 #endif
 
-// Fills `values`, Regs::kCount words in the order of Regs.
+// Fills `values`, kRegCount words in the order of HostRegs.
 void ReadMachineContext(const mcontext_t& context, uint64_t* values);
 
 }  // namespace unwindstack

@@ -2,7 +2,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <inttypes.h>
 #include <limits.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -11,13 +13,16 @@
 
 #include "interned_text.h"
 #include "own_memory.h"
+#include "pages.h"
 
 namespace unwindstack {
 namespace {
 
-constexpr size_t kFingerprintBytes =
-    1024;                             // the headers and, as linkers lay files out, the build id
-constexpr int kMaxMappingsBack = 16;  // from an image's code to its first mapping
+// The headers and, as linkers lay files out, the build id.
+constexpr size_t kFingerprintBytes = 1024;
+
+// From an image's code to its first mapping.
+constexpr int kMaxMappingsBack = 16;
 
 // An open file, from the offset on at which the image begins. Read, never mapped: a file that is
 // cut short under a mapping kills the reader.
@@ -47,14 +52,14 @@ class FileSource final : public ByteSource {
   void set_start(uint64_t start) { start_ = start; }
 
   bool Read(uint64_t offset, void* out, size_t size) override {
-    auto file_size = static_cast<uint64_t>(stat_.st_size);
+    const auto file_size = static_cast<uint64_t>(stat_.st_size);
     if (offset + start_ < offset || offset + start_ > file_size ||
         size > file_size - (offset + start_)) {
       return false;
     }
     for (size_t done = 0; done < size;) {
-      ssize_t got = pread(fd_, static_cast<char*>(out) + done, size - done,
-                          static_cast<off_t>(offset + start_ + done));
+      const ssize_t got = pread(fd_, static_cast<char*>(out) + done, size - done,
+                                static_cast<off_t>(offset + start_ + done));
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
       done += static_cast<size_t>(got);
@@ -89,15 +94,15 @@ const InternedText* Unescape(std::string_view name) {
   char path[PATH_MAX];
   size_t length = 0;
   while (!name.empty() && length < sizeof(path)) {
-    bool newline = name.substr(0, 4) == "\\012";
+    const bool newline = name.substr(0, 4) == "\\012";
     path[length++] = newline ? '\n' : name[0];
     name.remove_prefix(newline ? 4 : 1);
   }
   return Intern({path, length});
 }
 
-// Opens the file that `module` maps, by its name or, where it has lost that, by the kernel's link
-// for the mapping, which takes privileges.
+// Opens the file that `module` maps, by its name or, if that leads elsewhere now, by the kernel's
+// link for the mapping, which needs a privilege.
 void OpenFile(Module* module, FileSource* file) {
   const Mapping& mapping = module->mapping;
   module->path = mapping.text;
@@ -109,25 +114,16 @@ void OpenFile(Module* module, FileSource* file) {
   }
   module->path = nullptr;
   char link[64];
-  char* end = link + sizeof(link);
-  char* at = end;
-  *--at = '\0';
-  for (uint64_t part : {mapping.end, mapping.start}) {
-    for (bool any = false; part != 0 || !any; part >>= 4, any = true)
-      *--at = "0123456789abcdef"[part & 15];
-    *--at = '-';
-  }
-  constexpr char kDirectory[] = "/proc/self/map_files/";
-  at -= sizeof(kDirectory) - 2;  // over the first range's dash
-  memcpy(at, kDirectory, sizeof(kDirectory) - 1);
-  file->Open(at, mapping.inode);
+  snprintf(link, sizeof(link), "/proc/self/map_files/%" PRIx64 "-%" PRIx64, mapping.start,
+           mapping.end);
+  file->Open(link, mapping.inode);
 }
 
 uint64_t Fingerprint(ByteSource* source, uint64_t size) {
   uint64_t words[kFingerprintBytes / sizeof(uint64_t)] = {};
   if (!source->Read(0, words, std::min<uint64_t>(size, sizeof(words)))) return 0;
   uint64_t hash = 1;
-  for (uint64_t word : words) hash = (hash ^ word) * 0x9E3779B97F4A7C15 + (hash >> 29);
+  for (const uint64_t word : words) hash = (hash ^ word) * 0x9E3779B97F4A7C15 + (hash >> 29);
   return hash | 1;
 }
 
@@ -136,7 +132,8 @@ uint64_t FingerprintInMemory(const Module& module) {
   return Fingerprint(&memory, module.image.first_bytes().size);
 }
 
-// Reads the image that begins `start` bytes into the file; false when none there shows in memory.
+// Reads the image that begins `start` bytes into the file; false when there is none, or another
+// than the one in memory.
 bool ReadFromFile(FileSource* file, uint64_t start, Module* module) {
   file->set_start(start);
   uint64_t vaddr;
@@ -178,7 +175,7 @@ bool ReadFromMemory(const Mapping& first, Module* module) {
   return true;
 }
 
-// Fills `module` for its mapping. False: it shows no ELF image.
+// Fills `module` for its mapping; false when that shows no ELF image.
 bool Load(Module* module, Maps* maps) {
   FileSource file;
   const Mapping& mapping = module->mapping;
@@ -191,7 +188,7 @@ bool Load(Module* module, Maps* maps) {
     }
     if (ReadFromMemory(first, module)) return true;
     Mapping before;
-    if (!maps->Find(first.start - 1, &before) || !before.IsSameFile(mapping) ||
+    if (!FindMapping(maps, first.start - 1, &before) || !before.IsSameFile(mapping) ||
         before.offset >= first.offset) {
       break;
     }
@@ -220,7 +217,7 @@ const Module* ModuleCache::Get(const Mapping& mapping, Maps* maps) {
   if (modules_ == nullptr) modules_ = static_cast<Module*>(MapPages(kModules * sizeof(Module)));
   if (modules_ == nullptr) return nullptr;
   Module* module = modules_;
-  Module* end = modules_ + count_;
+  Module* const end = modules_ + count_;
   for (; module != end; ++module) {
     if (module->mapping.start == mapping.start && module->mapping.offset == mapping.offset) break;
   }

@@ -1,9 +1,15 @@
 // The ELF images behind the process's code mappings, read once and kept while they stay mapped.
 //
-// A kept image is believed only after a look, once an unwind, that the mapping is still of the same
-// file, the file unchanged, and the bytes at the image's start in memory the same: libraries come,
-// go and are replaced at the same address. Not for two threads at once; takes no lock, allocates
-// nothing from the heap.
+// Libraries come, go and are replaced at the same address. So once an unwind a kept image is
+// compared with the mapping, the file's attributes and the first bytes in memory, and read anew if
+// any of them has changed. Not for two threads at once; takes no lock, allocates nothing from the
+// heap.
+//
+// The images are found by the process's list of mappings and not by glibc's _dl_find_object, which
+// would replace less than the 60 lines of the search back to an image's first mapping and of the
+// program headers: names and offsets need the file's own headers and symbols in any case, and so do
+// deleted files, images within other files, images that no loader has mapped, and other C
+// libraries.
 #ifndef QUORVEL_HOST_UNWINDSTACK_MODULE_CACHE_H_
 #define QUORVEL_HOST_UNWINDSTACK_MODULE_CACHE_H_
 
@@ -20,9 +26,9 @@ namespace unwindstack {
 
 struct Module {
   Mapping mapping;           // the code mapping that it was read for
-  uint64_t content;          // a number for what was read, never used again
-  uint64_t last_use;         // for choosing the one to drop
-  const InternedText* path;  // of the file read; null when it can't be asked by name
+  uint64_t content;          // the number of what was read, unique; 0: no ELF image
+  uint64_t last_use;         // the least recent one is replaced first
+  const InternedText* path;  // of the file read; null when it has no name any more
   struct stat file;
   uint64_t fingerprint;  // of the first bytes in memory
   uint64_t bias;         // address - image address

@@ -1,5 +1,5 @@
-// Keeps the calling thread from being cancelled for a scope: files are read under locks here, and
-// the C library's calls for that are points of cancellation, which a device does not have.
+// Defers cancellation of the calling thread for a scope: files are read here under locks, by calls
+// that are points of cancellation on this machine and not on a device.
 #ifndef QUORVEL_HOST_UNWINDSTACK_NO_CANCELLATION_H_
 #define QUORVEL_HOST_UNWINDSTACK_NO_CANCELLATION_H_
 

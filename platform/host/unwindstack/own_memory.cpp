@@ -11,21 +11,21 @@
 
 #include <unwindstack/Memory.h>
 
-#include "interned_text.h"
+#include "pages.h"
 
 namespace unwindstack {
 namespace {
 
-// Where the direct call is refused (emulators, sandboxes): what a pipe takes from an address it
-// also gives back, and an unreadable address is an error of the write. The kernel is called
-// directly: the thread whose memory this is may write it meanwhile, which sanitizers would report.
+// For where the direct call is refused (emulators, sandboxes): writes from the address into a pipe,
+// which fails if the address is unreadable, and reads it back. The kernel is called directly
+// because sanitizers would report that the memory's own thread may write it meanwhile.
 bool ReadThroughPipe(uint64_t addr, void* out, size_t size) {
   constexpr size_t kPiece = 4096;  // a pipe holds at least this much
   int fds[2];
   if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   size_t done = 0;
   while (done < size) {
-    size_t piece = std::min(kPiece - (addr + done) % kPiece, size - done);
+    const size_t piece = std::min(kPiece - (addr + done) % kPiece, size - done);
     const long put = syscall(SYS_write, fds[1], addr + done, piece, 0UL, 0UL, 0UL);
     if (put <= 0) break;
     if (read(fds[0], static_cast<char*>(out) + done, static_cast<size_t>(put)) != put) break;
@@ -42,7 +42,7 @@ bool ReadOwnMemory(uint64_t addr, void* out, size_t size) {
   if (addr + size < addr) return false;
   iovec local = {out, size};
   iovec remote = {reinterpret_cast<void*>(addr), size};
-  long got = syscall(SYS_process_vm_readv, gettid(), &local, 1UL, &remote, 1UL, 0UL);
+  const long got = syscall(SYS_process_vm_readv, gettid(), &local, 1UL, &remote, 1UL, 0UL);
   if (got < 0 && errno != EFAULT) return ReadThroughPipe(addr, out, size);
   return got == static_cast<long>(size);
 }
@@ -50,10 +50,6 @@ bool ReadOwnMemory(uint64_t addr, void* out, size_t size) {
 std::shared_ptr<Memory> Memory::CreateProcessMemory(pid_t) {
   static Memory memory;
   return std::shared_ptr<Memory>(std::shared_ptr<void>(), &memory);  // no control block
-}
-
-bool Memory::ReadFully(uint64_t addr, void* dst, size_t size) {
-  return ReadOwnMemory(addr, dst, size);
 }
 
 void PageCache::BeginUnwind() {
@@ -80,8 +76,8 @@ bool PageCache::Read(uint64_t addr, void* out, size_t size) {
   if (addr + size < addr) return false;
   auto* to = static_cast<unsigned char*>(out);
   while (size > 0) {
-    size_t at = addr % kPageSize;
-    size_t piece = std::min(kPageSize - at, size);
+    const size_t at = addr % kPageSize;
+    const size_t piece = std::min(kPageSize - at, size);
     const Page* page = Fetch(addr - at);
     if (page == nullptr) return false;
     memcpy(to, page->data + at, piece);

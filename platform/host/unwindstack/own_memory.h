@@ -1,4 +1,4 @@
-// Guarded reads of the own process: an address that is not readable is an answer, never a fault.
+// Guarded reads of the own process: an address that is not readable is a result, never a fault.
 #ifndef QUORVEL_HOST_UNWINDSTACK_OWN_MEMORY_H_
 #define QUORVEL_HOST_UNWINDSTACK_OWN_MEMORY_H_
 
@@ -9,14 +9,13 @@
 namespace unwindstack {
 
 // Copies `size` bytes from `addr`; false, with `out` undefined, when any of them cannot be read.
-// Any thread; takes no lock, allocates nothing, leaves errno changed.
+// Any thread; takes no lock, allocates nothing, changes errno.
 bool ReadOwnMemory(uint64_t addr, void* out, size_t size);
 
 // Such reads for one unwind at a time, a page at a time. Not for two threads at once.
 //
-// The kept pages are forgotten as each unwind begins, for the next thread's stack and the mappings
-// may have changed. Only pages of a range declared stable stay, under the number that stands for
-// its present content.
+// Pages are discarded as each unwind begins, because stacks and mappings may have changed. Only
+// pages of a range declared stable stay, under the number of its present content.
 class PageCache {
  public:
   void BeginUnwind();

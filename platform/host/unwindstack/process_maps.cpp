@@ -14,11 +14,12 @@
 
 #include "interned_text.h"
 #include "no_cancellation.h"
+#include "pages.h"
 
 namespace unwindstack {
 namespace {
 
-// The kernel's question for one mapping (since 6.11), which no header of this age declares.
+// The kernel's PROCMAP_QUERY for one mapping (since 6.11), which older headers do not declare.
 struct ProcmapQuery {
   uint64_t size;
   uint64_t query_flags;
@@ -36,8 +37,8 @@ struct ProcmapQuery {
 };
 static_assert(sizeof(ProcmapQuery) == 104, "the kernel's layout");
 constexpr unsigned long kProcmapQuery = _IOWR('f', 17, ProcmapQuery);
-constexpr uint64_t kCoveringOrNext = 0x10;  // a flag of the question; the low ones are those of
-                                            // vma_flags: read 1, write 2, execute 4
+constexpr uint64_t kCoveringOrNext = 0x10;  // PROCMAP_QUERY_COVERING_OR_NEXT_VMA
+constexpr uint64_t kVmaRead = 1, kVmaWrite = 2, kVmaExecute = 4;  // PROCMAP_QUERY_VMA_*
 
 constexpr size_t kFirstTextCapacity = 256 * 1024;
 constexpr size_t kMaxTextCapacity = 256 * 1024 * 1024;
@@ -50,16 +51,16 @@ int OpenMaps(const char* path) {
   return fd;
 }
 
-// Takes a number and the character after it off the front of `text`. A blank may be missing at the
-// end of the text: not every writer of such lists ends a line without a name with one.
-bool TakeNumber(std::string_view* text, unsigned base, char after, uint64_t* value) {
+// Removes a number and the character after it from the front of `text`. At the end of the text a
+// blank may be missing: a line without a name need not end with one.
+bool ConsumeNumber(std::string_view* text, unsigned base, char after, uint64_t* value) {
   uint64_t result = 0;
   size_t i = 0;
   for (; i < text->size() && (*text)[i] != after; ++i) {
-    char c = (*text)[i];
-    unsigned digit = c >= '0' && c <= '9'   ? static_cast<unsigned>(c - '0')
-                     : c >= 'a' && c <= 'f' ? static_cast<unsigned>(c - 'a' + 10)
-                                            : base;
+    const char c = (*text)[i];
+    const unsigned digit = c >= '0' && c <= '9'   ? static_cast<unsigned>(c - '0')
+                           : c >= 'a' && c <= 'f' ? static_cast<unsigned>(c - 'a' + 10)
+                                                  : base;
     if (digit >= base || result > (UINT64_MAX - digit) / base) return false;
     result = result * base + digit;
   }
@@ -72,15 +73,16 @@ bool TakeNumber(std::string_view* text, unsigned base, char after, uint64_t* val
 // start-end perms offset major:minor inode   name
 bool ParseLine(std::string_view line, Mapping* entry) {
   uint64_t major, minor;
-  if (!TakeNumber(&line, 16, '-', &entry->start) || !TakeNumber(&line, 16, ' ', &entry->end) ||
-      entry->start >= entry->end || line.size() < 5 || line[4] != ' ') {
+  if (!ConsumeNumber(&line, 16, '-', &entry->start) ||
+      !ConsumeNumber(&line, 16, ' ', &entry->end) || entry->start >= entry->end ||
+      line.size() < 5 || line[4] != ' ') {
     return false;
   }
   entry->prot = (line[0] == 'r' ? PROT_READ : 0) | (line[1] == 'w' ? PROT_WRITE : 0) |
                 (line[2] == 'x' ? PROT_EXEC : 0);
   line.remove_prefix(5);
-  if (!TakeNumber(&line, 16, ' ', &entry->offset) || !TakeNumber(&line, 16, ':', &major) ||
-      !TakeNumber(&line, 16, ' ', &minor) || !TakeNumber(&line, 10, ' ', &entry->inode)) {
+  if (!ConsumeNumber(&line, 16, ' ', &entry->offset) || !ConsumeNumber(&line, 16, ':', &major) ||
+      !ConsumeNumber(&line, 16, ' ', &minor) || !ConsumeNumber(&line, 10, ' ', &entry->inode)) {
     return false;
   }
   entry->dev_major = static_cast<uint32_t>(major);
@@ -96,7 +98,7 @@ const InternedText* InternEscaped(std::string_view name) {
   if (name.find('\n') == name.npos) return Intern(name);
   char escaped[PATH_MAX + 4];
   size_t length = 0;
-  for (char c : name) {
+  for (const char c : name) {
     if (length + 4 > sizeof(escaped)) break;
     if (c == '\n') {
       memcpy(escaped + length, "\\012", 4);
@@ -113,8 +115,8 @@ const InternedText* InternEscaped(std::string_view name) {
 size_t ParseMapsText(std::string_view text, Mapping* entries, size_t capacity) {
   size_t count = 0;
   while (!text.empty() && count < capacity) {
-    size_t length = std::min(text.find('\n'), text.size());
-    Mapping* entry = &entries[count];
+    const size_t length = std::min(text.find('\n'), text.size());
+    Mapping* const entry = &entries[count];
     if (ParseLine(text.substr(0, length), entry) &&
         (count == 0 || entry->start >= entries[count - 1].end)) {
       ++count;
@@ -150,7 +152,7 @@ bool Maps::Parse() {
     if (fd_ < 0) continue;
     Mapping first;
     if (Query(0, kCoveringOrNext, &first)) return true;
-    bool read = ReadText();
+    const bool read = ReadText();
     close(fd_);
     fd_ = -1;
     if (read) return true;
@@ -179,28 +181,30 @@ bool Maps::Query(uint64_t addr, uint64_t flags, Mapping* result) {
   result->inode = query.inode;
   result->dev_major = query.dev_major;
   result->dev_minor = query.dev_minor;
-  result->prot = (query.vma_flags & 1 ? PROT_READ : 0) | (query.vma_flags & 2 ? PROT_WRITE : 0) |
-                 (query.vma_flags & 4 ? PROT_EXEC : 0);
+  result->prot = (query.vma_flags & kVmaRead ? PROT_READ : 0) |
+                 (query.vma_flags & kVmaWrite ? PROT_WRITE : 0) |
+                 (query.vma_flags & kVmaExecute ? PROT_EXEC : 0);
   result->text = InternEscaped({name, query.vma_name_size ? strnlen(name, sizeof(name)) : 0});
   result->name = result->text ? std::string_view(result->text->c_str(), result->text->length)
                               : std::string_view();
   return true;
 }
 
-// Reads the whole list, which is as long as it is only once its end has been read.
+// Reads the whole list. Its length is not known before its end has been read.
 bool Maps::ReadText() {
   size_t size = 0;
   for (;;) {
     if (size == text_capacity_) {
-      size_t capacity = std::max(kFirstTextCapacity, text_capacity_ * 2);
-      char* text = capacity > kMaxTextCapacity ? nullptr : static_cast<char*>(MapPages(capacity));
+      const size_t capacity = std::max(kFirstTextCapacity, text_capacity_ * 2);
+      char* const text =
+          capacity > kMaxTextCapacity ? nullptr : static_cast<char*>(MapPages(capacity));
       if (text == nullptr) return false;
       if (size > 0) memcpy(text, text_, size);
       UnmapPages(text_, text_capacity_);
       text_ = text;
       text_capacity_ = capacity;
     }
-    ssize_t got = read(fd_, text_ + size, text_capacity_ - size);
+    const ssize_t got = read(fd_, text_ + size, text_capacity_ - size);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
     if (got == 0) break;
@@ -213,9 +217,13 @@ bool Maps::ReadText() {
   return entry_count_ > 0;
 }
 
+bool FindMapping(Maps* maps, uint64_t addr, Mapping* result) {
+  return maps->Find(addr, result);
+}
+
 bool Maps::Find(uint64_t addr, Mapping* result) {
   if (fd_ >= 0) return Query(addr, 0, result);
-  Mapping* end = entries_ + entry_count_;
+  Mapping* const end = entries_ + entry_count_;
   Mapping* entry =
       std::upper_bound(entries_, end, addr,
                        [](uint64_t value, const Mapping& mapping) { return value < mapping.end; });

@@ -9,6 +9,7 @@
 
 namespace unwindstack {
 
+class Maps;
 struct InternedText;
 
 struct Mapping {
@@ -18,7 +19,7 @@ struct Mapping {
   uint64_t inode;   // 0: no file
   uint32_t dev_major, dev_minor;
   int prot;                  // PROT_*
-  std::string_view name;     // as the list gives it: newlines are "\012"; in memory of the list's
+  std::string_view name;     // as in the list, with newlines as "\012"; the list's own memory
   const InternedText* text;  // the same, for good; null in a parsed list
 
   bool IsFile() const { return inode != 0 && !name.empty() && name[0] == '/'; }
@@ -27,8 +28,11 @@ struct Mapping {
   }
 };
 
-// Reads the text of a maps file of the kernel into at most `capacity` entries, in order of address,
-// and gives their number. Lines that make no sense are left out.
+// The mapping that holds `addr`; false when there is none or `maps` has not been parsed.
+bool FindMapping(Maps* maps, uint64_t addr, Mapping* result);
+
+// Parses the text of the kernel's list of mappings into at most `capacity` entries, in order of
+// address, and returns their number. Malformed lines are skipped.
 size_t ParseMapsText(std::string_view text, Mapping* entries, size_t capacity);
 
 }  // namespace unwindstack

@@ -15,19 +15,21 @@ extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t space, unw_wo
 namespace unwindstack {
 namespace {
 
-// Words of memory that one step may read: a lying table could have it run for ever.
+// Words of memory that one step may read: with a false table it could go on for ever.
 constexpr unsigned kReadsPerStep = 32 << 10;
 
 #if defined(__x86_64__)
 // mov $SYS_rt_sigreturn, %rax; syscall
 constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
+constexpr uint64_t kCallSize = 1;  // of its last byte, which is enough to lie within it
 constexpr uint64_t kContextAboveSp = offsetof(ucontext_t, uc_mcontext);
-static_assert(UNW_X86_64_RSP == Regs::kSp && UNW_X86_64_RIP == Regs::kPc, "one numbering");
+static_assert(UNW_X86_64_RSP == kRegSp && UNW_X86_64_RIP == kRegPc, "one numbering");
 #else
 // mov x8, #SYS_rt_sigreturn; svc #0
 constexpr unsigned char kTrampoline[] = {0x68, 0x11, 0x80, 0xd2, 0x01, 0, 0, 0xd4};
+constexpr uint64_t kCallSize = 4;
 constexpr uint64_t kContextAboveSp = sizeof(siginfo_t) + offsetof(ucontext_t, uc_mcontext);
-static_assert(UNW_AARCH64_SP == Regs::kSp && UNW_AARCH64_PC == Regs::kPc, "one numbering");
+static_assert(UNW_AARCH64_SP == kRegSp && UNW_AARCH64_PC == kRegPc, "one numbering");
 #endif
 
 }  // namespace
@@ -35,17 +37,18 @@ static_assert(UNW_AARCH64_SP == Regs::kSp && UNW_AARCH64_PC == Regs::kPc, "one n
 unw_addr_space_t StackWalk::CreateAddressSpace() {
   static unw_accessors_t accessors = {FindProcInfo, PutUnwindInfo, GetDynInfoList, AccessMem,
                                       AccessReg,    AccessFpReg,   Resume,         GetProcName};
-  unw_addr_space_t space = unw_create_addr_space(&accessors, 0);
-  // Its cache of register states outlives libraries and mixes the two sides of a return address.
+  const unw_addr_space_t space = unw_create_addr_space(&accessors, 0);
+  // Its cache of register states outlives libraries, and confuses the two sides of a return
+  // address.
   if (space != nullptr) unw_set_caching_policy(space, UNW_CACHE_NONE);
   return space;
 }
 
 int StackWalk::FindProcInfo(unw_addr_space_t space, unw_word_t pc, unw_proc_info_t* info, int need,
                             void* self) {
-  auto* walk = static_cast<StackWalk*>(self);
+  auto* const walk = static_cast<StackWalk*>(self);
   const FrameEntry& entry = walk->entry_;
-  if (pc < entry.start || pc >= entry.end) return -UNW_EINVAL;  // ENOINFO would have it guess
+  if (pc < entry.start || pc >= entry.end) return -UNW_EINVAL;  // at ENOINFO it would guess
   unw_dyn_info_t table = {};
   table.format = UNW_INFO_FORMAT_REMOTE_TABLE;
   table.start_ip = entry.start;
@@ -53,7 +56,7 @@ int StackWalk::FindProcInfo(unw_addr_space_t space, unw_word_t pc, unw_proc_info
   table.u.rti.segbase = entry.table;
   table.u.rti.table_data = entry.entry;
   table.u.rti.table_len = 1;  // words, so one entry
-  int result = UNW_OBJ(dwarf_search_unwind_table)(space, pc, &table, info, need, self);
+  const int result = UNW_OBJ(dwarf_search_unwind_table)(space, pc, &table, info, need, self);
   walk->beyond_entry_ = result == -UNW_ENOINFO;
   return walk->beyond_entry_ ? -UNW_EINVAL : result;
 }
@@ -66,7 +69,7 @@ int StackWalk::GetDynInfoList(unw_addr_space_t, unw_word_t*, void*) {
 
 int StackWalk::AccessMem(unw_addr_space_t, unw_word_t addr, unw_word_t* value, int write,
                          void* self) {
-  auto* walk = static_cast<StackWalk*>(self);
+  auto* const walk = static_cast<StackWalk*>(self);
   if (write != 0 || walk->reads_left_ == 0) return -UNW_EINVAL;
   --walk->reads_left_;
   return walk->memory_.Load(addr, value) ? 0 : -UNW_EINVAL;
@@ -74,10 +77,10 @@ int StackWalk::AccessMem(unw_addr_space_t, unw_word_t addr, unw_word_t* value, i
 
 int StackWalk::AccessReg(unw_addr_space_t, unw_regnum_t reg, unw_word_t* value, int write,
                          void* self) {
-  auto* walk = static_cast<StackWalk*>(self);
-  if (write != 0 || reg < 0 || static_cast<size_t>(reg) >= Regs::kCount) return -UNW_EBADREG;
-  // A new cursor takes its pc as exact.
-  *value = reg == Regs::kPc ? walk->LookupPc() : walk->regs_[reg];
+  auto* const walk = static_cast<StackWalk*>(self);
+  if (write != 0 || reg < 0 || static_cast<size_t>(reg) >= kRegCount) return -UNW_EBADREG;
+  // The library looks up the pc of a new cursor as it is.
+  *value = reg == kRegPc ? walk->InstructionPc() : walk->regs_[reg];
   return 0;
 }
 
@@ -93,51 +96,64 @@ int StackWalk::GetProcName(unw_addr_space_t, unw_word_t, char*, size_t, unw_word
   return -UNW_ENOINFO;
 }
 
+// An address within the instruction that the current frame is at: the interrupted one, or the call.
+uint64_t StackWalk::InstructionPc() const {
+  const uint64_t pc = regs_[kRegPc];
+  return origin_ == kInterrupted || pc < kCallSize ? pc : pc - kCallSize;
+}
+
 void StackWalk::Run(unw_addr_space_t space, const Regs& regs, Maps* maps, size_t max_frames,
                     std::vector<FrameData>* frames) {
   space_ = space;
   maps_ = maps;
   code_count_ = 0;
-  for (size_t i = 0; i < Regs::kCount; ++i) regs_[i] = regs[i];
+  memcpy(regs_, static_cast<const HostRegs&>(regs).values(), sizeof(regs_));
   memory_.BeginUnwind();
-  Restart(kExact);
+  Restart(kInterrupted);
   while (frames->size() < max_frames) {
-    const Code* code = Inspect();
-    if (code == nullptr && !frames->empty()) break;
+    const Code* const code = Inspect();
+    if (!IsFrame(code)) break;
     frames->push_back(MakeFrame(frames->size(), code));
     if (frames->size() == max_frames || !Step(code)) break;
   }
 }
 
-// Looks at the current pc: the code that holds it, null if none does, and how to go on from there.
+// Finds the code that holds the current pc, null if none does, and how to go on from there.
 const StackWalk::Code* StackWalk::Inspect() {
   has_entry_ = beyond_entry_ = trampoline_ = false;
-  const Code* code = FindCode(LookupPc());
+  const Code* code = FindCode(InstructionPc());
   // Only a trampoline is returned to without a call before it.
-  bool uncalled = code == nullptr && kind_ == kReturn;
-  if (uncalled) code = FindCode(regs_[Regs::kPc]);
+  const bool uncalled = code == nullptr && origin_ != kInterrupted;
+  if (uncalled) code = FindCode(regs_[kRegPc]);
   if (code == nullptr) return nullptr;
-  if (const Module* module = code->module) {
-    ElfImage::Range segment = module->image.unwind_segment();
-    uint64_t start = module->bias + segment.vaddr;
+  if (const Module* const module = code->module) {
+    const ElfImage::Range segment = module->image.unwind_segment();
+    const uint64_t start = module->bias + segment.vaddr;
     memory_.SetStable(start, start + (module->stable ? segment.size : 0), module->content);
-    has_entry_ = FindFrameEntry(*module, LookupPc(), &memory_, &entry_);
+    has_entry_ = FindFrameEntry(*module, InstructionPc(), &memory_, &entry_);
   }
-  bool signal_frame = has_entry_ && entry_.signal_frame && EntryCovers(LookupPc());
-  trampoline_ = AtTrampoline() && (!has_entry_ || signal_frame || !EntryCovers(LookupPc()));
-  if (trampoline_ || signal_frame) kind_ = kExact;
+  const bool signal_frame = has_entry_ && entry_.signal_frame && EntryCovers(InstructionPc());
+  trampoline_ = AtTrampoline() && (!has_entry_ || signal_frame || !EntryCovers(InstructionPc()));
+  if (trampoline_ || signal_frame) origin_ = kInterrupted;
   return uncalled && !trampoline_ ? nullptr : code;
 }
 
-// The executable mapping that holds `pc`; of the innermost frame's garbage pc, none.
+// Whether the current pc is a frame of the stack. One that no code holds is: where execution went
+// astray, and where a return address has been overwritten. Zero marks the end of a stack.
+bool StackWalk::IsFrame(const Code* code) const {
+  if (code != nullptr || origin_ == kInterrupted) return true;
+  return origin_ == kReturned && regs_[kRegPc] != 0;
+}
+
+// The executable mapping that holds `pc`; null if none does.
 const StackWalk::Code* StackWalk::FindCode(uint64_t pc) {
   for (size_t i = 0; i < code_count_ && i < kCodes; ++i) {
     const Mapping& mapping = codes_[i].mapping;
     if (pc >= mapping.start && pc < mapping.end) return &codes_[i];
   }
   Mapping mapping;
-  if (!maps_->Find(pc, &mapping) || !(mapping.prot & PROT_EXEC)) return nullptr;
-  Code* code = &codes_[code_count_++ % kCodes];
+  if (!FindMapping(maps_, pc, &mapping) || !(mapping.prot & PROT_EXEC)) return nullptr;
+  Code* const code = &codes_[code_count_++ % kCodes];
   code->mapping = mapping;
   code->module = modules_.Get(mapping, maps_);
   return code;
@@ -146,17 +162,17 @@ const StackWalk::Code* StackWalk::FindCode(uint64_t pc) {
 FrameData StackWalk::MakeFrame(size_t number, const Code* code) const {
   FrameData frame;
   frame.num = number;
-  frame.pc = frame.rel_pc = regs_[Regs::kPc];
-  frame.sp = regs_[Regs::kSp];
-  Mapping data;  // of a pc that isn't in code
-  if (code == nullptr && !maps_->Find(frame.pc, &data)) return frame;
+  frame.pc = frame.rel_pc = code != nullptr ? InstructionPc() : regs_[kRegPc];
+  frame.sp = regs_[kRegSp];
+  Mapping data;  // of a pc that is not in code
+  if (code == nullptr && !FindMapping(maps_, frame.pc, &data)) return frame;
   const Mapping& mapping = code != nullptr ? code->mapping : data;
-  frame.map_name = SharedString(mapping.text);
+  frame.map_name = MakeSharedString(mapping.text);
   frame.map_start = mapping.start;
   frame.map_end = mapping.end;
   frame.map_exact_offset = mapping.offset;
   frame.map_flags = mapping.prot;
-  const Module* module = code != nullptr ? code->module : nullptr;
+  const Module* const module = code != nullptr ? code->module : nullptr;
   if (module == nullptr) {
     frame.rel_pc = frame.pc - mapping.start + (mapping.IsFile() ? mapping.offset : 0);
     return frame;
@@ -165,36 +181,41 @@ FrameData StackWalk::MakeFrame(size_t number, const Code* code) const {
   frame.map_elf_start_offset = module->elf_start_offset;
   frame.map_load_bias = module->image.load_bias();
   ElfImage::Function function;
-  if (module->image.FindFunction(LookupPc() - module->bias, &function)) {
-    frame.function_name = SharedString(Intern(function.name));
+  if (module->image.FindFunction(frame.rel_pc, &function)) {
+    frame.function_name = MakeSharedString(Intern(function.name));
     frame.function_offset = frame.rel_pc - function.start;
   }
   return frame;
 }
 
 // Has the next step begin from regs_ alone.
-void StackWalk::Restart(PcKind kind) {
-  kind_ = kind;
+void StackWalk::Restart(Origin origin) {
+  origin_ = origin;
   cursor_valid_ = false;
 }
 
 bool StackWalk::Step(const Code* code) {
-  if (code == nullptr) return StepFromNowhere();
+  if (code == nullptr) return origin_ == kInterrupted && StepFromWildCall();
   if (trampoline_) return StepOverSignal();
   if (has_entry_ && StepByTable()) return true;
-  return (!has_entry_ || beyond_entry_ || space_ == nullptr) && StepByFramePointer();
+  if (has_entry_ && !beyond_entry_ && space_ != nullptr) return false;  // the table says: the end
+  // A coroutine's first function returns to where another begins, though nobody called it there.
+  const bool outermost =
+      origin_ != kInterrupted && code->module != nullptr && AtFunctionStart(*code->module);
+  return !outermost && StepByFramePointer();
 }
 
-// The pc leads nowhere, as after a call through a null pointer: its caller is where that call
-// would return to, if that is code.
-bool StackWalk::StepFromNowhere() {
+// A call through a null or wild pointer: the next frame is where that call would return to, if that
+// is code.
+bool StackWalk::StepFromWildCall() {
+  FetchRegisters();
 #if defined(__x86_64__)
-  if (!memory_.Load(regs_[Regs::kSp], &regs_[Regs::kPc])) return false;
-  regs_[Regs::kSp] += sizeof(uint64_t);
+  if (!memory_.Load(regs_[kRegSp], &regs_[kRegPc])) return false;
+  regs_[kRegSp] += sizeof(uint64_t);
 #else
-  regs_[Regs::kPc] = regs_[Regs::kLr];
+  regs_[kRegPc] = regs_[kRegLr];
 #endif
-  Restart(kReturn);
+  Restart(kGuessed);
   return true;
 }
 
@@ -205,17 +226,22 @@ bool StackWalk::EntryCovers(uint64_t pc) {
   return space_ != nullptr && FindProcInfo(space_, pc, &info, 0, this) == 0;
 }
 
+// Whether the current pc is where some function's table entry begins.
+bool StackWalk::AtFunctionStart(const Module& module) {
+  FrameEntry entry;
+  return FindFrameEntry(module, regs_[kRegPc], &memory_, &entry) && entry.start == regs_[kRegPc];
+}
+
 bool StackWalk::AtTrampoline() {
   unsigned char code[sizeof(kTrampoline)];
-  return memory_.Load(regs_[Regs::kPc], &code) && memcmp(code, kTrampoline, sizeof(code)) == 0;
+  return memory_.Load(regs_[kRegPc], &code) && memcmp(code, kTrampoline, sizeof(code)) == 0;
 }
 
 bool StackWalk::StepOverSignal() {
   mcontext_t context;
-  if (!memory_.Read(regs_[Regs::kSp] + kContextAboveSp, &context, kMachineContextHead))
-    return false;
+  if (!memory_.Read(regs_[kRegSp] + kContextAboveSp, &context, kMachineContextHead)) return false;
   ReadMachineContext(context, regs_);
-  Restart(kExact);
+  Restart(kInterrupted);
   return true;
 }
 
@@ -229,37 +255,36 @@ bool StackWalk::StepByTable() {
       unw_get_reg(&cursor_, UNW_REG_SP, &sp) != 0) {
     return false;
   }
-  // A caller's frame lies above, but for what a signal interrupted on another stack.
-  if (sp < regs_[Regs::kSp] && !entry_.signal_frame) return false;
-  regs_[Regs::kPc] = pc;
-  regs_[Regs::kSp] = sp;
-  kind_ = entry_.signal_frame ? kExact : kReturn;
+  // A caller's frame lies above, unless it was interrupted by a signal, on another stack.
+  if (sp < regs_[kRegSp] && !entry_.signal_frame) return false;
+  regs_[kRegPc] = pc;
+  regs_[kRegSp] = sp;
+  origin_ = entry_.signal_frame ? kInterrupted : kReturned;
   return true;
 }
 
 void StackWalk::FetchRegisters() {
   if (!cursor_valid_) return;
-  for (size_t i = 0; i < Regs::kCount; ++i) {
+  for (size_t i = 0; i < kRegCount; ++i) {
     unw_word_t value;
-    if (i == Regs::kPc || i == Regs::kSp) continue;
+    if (i == kRegPc || i == kRegSp) continue;
     regs_[i] = unw_get_reg(&cursor_, static_cast<int>(i), &value) == 0 ? value : 0;
   }
 }
 
-// The last resort, for code without tables: it may keep a frame pointer, which is believed where it
-// leads up the stack. What it leads to must be code, as for any caller. The caller's own need not
-// be a frame pointer: a caller with tables has no use for one.
+// The last resort, for code without tables: it may keep a frame pointer, which is followed if it
+// leads up the stack, to a return address in code. The caller's own need not be a frame pointer: a
+// caller with tables has no use for one.
 bool StackWalk::StepByFramePointer() {
   reads_left_ = kReadsPerStep;
   FetchRegisters();
-  uint64_t fp = regs_[Regs::kFp];
+  const uint64_t fp = regs_[kRegFp];
   uint64_t record[2];  // the caller's frame pointer, the return address
-  if (fp < regs_[Regs::kSp] || fp % sizeof(uint64_t) != 0 || !memory_.Load(fp, &record))
-    return false;
-  regs_[Regs::kFp] = record[0];
-  regs_[Regs::kPc] = record[1];
-  regs_[Regs::kSp] = fp + sizeof(record);
-  Restart(kReturn);
+  if (fp < regs_[kRegSp] || fp % sizeof(uint64_t) != 0 || !memory_.Load(fp, &record)) return false;
+  regs_[kRegFp] = record[0];
+  regs_[kRegPc] = record[1];
+  regs_[kRegSp] = fp + sizeof(record);
+  Restart(kGuessed);
   return true;
 }
 

@@ -3,8 +3,9 @@
 #define QUORVEL_HOST_UNWINDSTACK_STACK_WALK_H_
 
 #include <ucontext.h>
-// The library's interface for other processes: it reads all through functions given to it. Its
-// header has a `struct ucontext`, which the host layer's <ucontext.h> has as another name.
+// The library's interface for other processes, which reads all through functions given to it. Its
+// header declares a `struct ucontext`, a name that the host layer's <ucontext.h> gives to something
+// else.
 #undef UNW_LOCAL_ONLY
 #define ucontext libunwind_ucontext
 #include <libunwind.h>
@@ -14,6 +15,7 @@
 
 #include <unwindstack/Unwinder.h>
 
+#include "host_regs.h"
 #include "module_cache.h"
 #include "own_memory.h"
 #include "process_maps.h"
@@ -24,7 +26,7 @@ namespace unwindstack {
 // What walks keep from one to the next. Not for two threads at once.
 class StackWalk {
  public:
-  // At load: it allocates.
+  // Called at load only, because it allocates. Null on failure.
   static unw_addr_space_t CreateAddressSpace();
 
   // Appends at most `max_frames` frames to `frames`, innermost first.
@@ -32,10 +34,11 @@ class StackWalk {
            std::vector<FrameData>* frames);
 
  private:
-  // How a frame's pc was come by, which decides which instruction it stands for.
-  enum PcKind {
-    kExact,   // interrupted there
-    kReturn,  // called from just before it
+  // What a frame's pc was obtained from.
+  enum Origin {
+    kInterrupted,  // the registers of a thread or a signal's context: the very instruction
+    kReturned,     // a return address that the tables lead to
+    kGuessed,      // a word that is a return address if it leads to code
   };
 
   struct Code {
@@ -57,20 +60,22 @@ class StackWalk {
   static int GetProcName(unw_addr_space_t space, unw_word_t addr, char* name, size_t size,
                          unw_word_t* offset, void* self);
 
-  uint64_t LookupPc() const { return kind_ == kReturn ? regs_[Regs::kPc] - 1 : regs_[Regs::kPc]; }
+  uint64_t InstructionPc() const;
   const Code* FindCode(uint64_t pc);
   const Code* Inspect();
+  bool IsFrame(const Code* code) const;
   bool AtTrampoline();
   bool EntryCovers(uint64_t pc);
+  bool AtFunctionStart(const Module& module);
   FrameData MakeFrame(size_t number, const Code* code) const;
 
   // Each moves to the calling frame; false at the end of the stack.
   bool Step(const Code* code);
-  bool StepFromNowhere();
+  bool StepFromWildCall();
   bool StepOverSignal();
   bool StepByTable();
   bool StepByFramePointer();
-  void Restart(PcKind kind);
+  void Restart(Origin origin);
   void FetchRegisters();
 
   PageCache memory_;
@@ -78,9 +83,9 @@ class StackWalk {
   unw_addr_space_t space_ = nullptr;
   Maps* maps_ = nullptr;
   unw_cursor_t cursor_;
-  bool cursor_valid_ = false;         // the cursor stands at the current frame
-  uint64_t regs_[Regs::kCount] = {};  // of the current frame; with a valid cursor only pc and sp
-  PcKind kind_ = kExact;
+  bool cursor_valid_ = false;      // the cursor stands at the current frame
+  uint64_t regs_[kRegCount] = {};  // of the current frame; with a valid cursor only pc and sp
+  Origin origin_ = kInterrupted;
   bool has_entry_ = false;     // of the current frame: the table has one at or before the pc,
   bool beyond_entry_ = false;  // which turned out to end before it
   bool trampoline_ = false;    // the return from a signal handler

@@ -3,32 +3,81 @@
 namespace unwindstack {
 namespace {
 
+// Pointer encodings, see the Linux Standard Base, "DWARF Exception Header Encoding": a format in
+// the low four bits, what the value is relative to in the next three.
+enum PointerEncoding : uint8_t {
+  kAbsolute = 0x00,
+  kUnsigned2 = 0x02,
+  kUnsigned4 = 0x03,
+  kUnsigned8 = 0x04,
+  kSigned2 = 0x0a,
+  kSigned4 = 0x0b,
+  kSigned8 = 0x0c,
+  kFormatMask = 0x0f,
+  kRelativeToTable = 0x30,
+};
+
+// Call frame instructions, see DWARF 5, section 7.24, and, for the last three, GCC's dwarf2.def.
+// The first three have an operand in their low six bits.
+enum Rule : uint8_t {
+  kAdvance = 0x40,
+  kOffset = 0x80,
+  kRestore = 0xc0,
+  kNop = 0x00,
+  kAdvance1 = 0x02,
+  kAdvance2 = 0x03,
+  kAdvance4 = 0x04,
+  kOffsetExtended = 0x05,
+  kRestoreExtended = 0x06,
+  kUndefined = 0x07,
+  kSameValue = 0x08,
+  kRegister = 0x09,
+  kRememberState = 0x0a,
+  kRestoreState = 0x0b,
+  kDefCfa = 0x0c,
+  kDefCfaRegister = 0x0d,
+  kDefCfaOffset = 0x0e,
+  kDefCfaExpression = 0x0f,
+  kExpression = 0x10,
+  kOffsetExtendedSigned = 0x11,
+  kDefCfaSigned = 0x12,
+  kDefCfaOffsetSigned = 0x13,
+  kValueOffset = 0x14,
+  kValueOffsetSigned = 0x15,
+  kValueExpression = 0x16,
+  kNegateReturnAddressState = 0x2d,  // of 64-bit ARM
+  kArgumentsSize = 0x2e,
+  kNegativeOffsetExtended = 0x2f,
+};
+constexpr uint8_t kRuleMask = 0xc0;
+constexpr uint8_t kDivide = 0x1b;  // an operation of expressions: DWARF 5, section 7.7.1
+
+// The head of .eh_frame_hdr, see the Linux Standard Base, "The .eh_frame_hdr section".
 struct TableHeader {
   uint8_t version;
   uint8_t frames_encoding;
   uint8_t count_encoding;
   uint8_t table_encoding;
 };
-constexpr uint8_t kUnsigned4 = 0x03;
-constexpr uint8_t kRelativeSigned4 = 0x3b;  // to the header
+constexpr uint8_t kTableVersion = 1;
 
 struct TableEntry {
   int32_t pc;
   int32_t frame;
 };
 
-// The size of the header's own pointer to the frames, by the format in its encoding; 0: unknown.
+// The size of a pointer by its encoding; 0: unknown.
 uint64_t PointerSize(uint8_t encoding) {
-  switch (encoding & 0x0f) {
-    case 0x00:  // native
-    case 0x04:
-    case 0x0c:
+  switch (encoding & kFormatMask) {
+    case kAbsolute:
+    case kUnsigned8:
+    case kSigned8:
       return 8;
-    case 0x02:
-    case 0x0a:
+    case kUnsigned2:
+    case kSigned2:
       return 2;
-    case 0x03:
-    case 0x0b:
+    case kUnsigned4:
+    case kSigned4:
       return 4;
     default:
       return 0;
@@ -63,61 +112,70 @@ class Reader {
   void Skip(uint64_t count) { at_ = more() && count < end_ - at_ ? at_ + count : end_; }
 
  private:
-  PageCache* const memory_;
-  uint64_t at_;
-  const uint64_t end_;
-  uint64_t word_at_ = UINT64_MAX, word_ = 0;  // read at once
+  PageCache* memory_;
+  uint64_t at_, end_;
+  uint64_t word_at_ = UINT64_MAX, word_ = 0;  // the last one read
 };
 
+// Reads past an expression. Whether one of its bytes is a division.
+bool ExpressionDivides(Reader* rules) {
+  for (uint64_t left = rules->Leb(); left > 0 && rules->more(); --left) {
+    if (rules->Byte() == kDivide) return true;
+  }
+  return false;
+}
+
 // Whether rules of a frame description have an expression with a division, or cannot be told from
-// one. The unwinding library divides without a look at the one quotient that x86-64 traps on.
+// one. The unwinding library does not check for the one quotient at which x86-64 traps.
 bool RulesDivide(Reader rules) {
-  constexpr uint8_t kDivide = 0x1b;
   while (rules.more()) {
     const uint8_t rule = rules.Byte();
-    const unsigned kind = rule >= 0x40 ? 0x40u * (rule >> 6) : rule;
-    switch (kind) {
-      case 0x00:
-      case 0x0a:
-      case 0x0b:
-      case 0x2d:
-      case 0x40:
-      case 0xc0:
+    const uint8_t with_operand = rule & kRuleMask;
+    switch (with_operand != 0 ? with_operand : rule) {
+      case kNop:
+      case kRememberState:
+      case kRestoreState:
+      case kNegateReturnAddressState:
+      case kAdvance:
+      case kRestore:
         break;
-      case 0x02:
-      case 0x03:
-      case 0x04:  // advance by 1, 2 or 4 bytes
-        rules.Skip(1u << (kind - 2));
+      case kAdvance1:
+        rules.Skip(1);
         break;
-      case 0x06:
-      case 0x07:
-      case 0x08:
-      case 0x0d:
-      case 0x0e:
-      case 0x13:
-      case 0x2e:
-      case 0x80:
+      case kAdvance2:
+        rules.Skip(2);
+        break;
+      case kAdvance4:
+        rules.Skip(4);
+        break;
+      case kRestoreExtended:
+      case kUndefined:
+      case kSameValue:
+      case kDefCfaRegister:
+      case kDefCfaOffset:
+      case kDefCfaOffsetSigned:
+      case kArgumentsSize:
+      case kOffset:
         rules.Leb();
         break;
-      case 0x05:
-      case 0x09:
-      case 0x0c:
-      case 0x11:
-      case 0x12:
-      case 0x14:
-      case 0x15:
-      case 0x2f:
+      case kOffsetExtended:
+      case kRegister:
+      case kDefCfa:
+      case kOffsetExtendedSigned:
+      case kDefCfaSigned:
+      case kValueOffset:
+      case kValueOffsetSigned:
+      case kNegativeOffsetExtended:
         rules.Leb();
         rules.Leb();
         break;
-      case 0x10:
-      case 0x16:  // of a register
-        rules.Leb();
-        [[fallthrough]];
-      case 0x0f:
-        for (uint64_t left = rules.Leb(); left > 0 && rules.more(); --left) {
-          if (rules.Byte() == kDivide) return true;
-        }
+      case kExpression:
+      case kValueExpression:
+        rules.Leb();  // the register
+        if (ExpressionDivides(&rules)) return true;
+        break;
+      case kDefCfaExpression:
+        if (ExpressionDivides(&rules)) return true;
         break;
       default:
         return true;
@@ -126,69 +184,119 @@ bool RulesDivide(Reader rules) {
   return false;
 }
 
-// What FindFrameEntry has to know of the frame description at `frame`; false when it is not one or
-// is not to be used.
+// What frame descriptions have in common (DWARF's CIE), as far as it matters here.
+struct CommonPart {
+  Reader rules;
+  bool signal_frame;
+  bool sized;             // each description has a length before its own augmentation data
+  uint64_t pointer_size;  // of the addresses in each description; 0: unknown
+};
+
+// Reads the common part that begins at `at`, after its length and id, and ends at `end`. False when
+// its augmentation string does not fit.
+bool ReadCommonPart(PageCache* memory, uint64_t at, uint64_t end, CommonPart* result) {
+  Reader common(memory, at, end);
+  const uint8_t version = common.Byte();
+  char augmentation[8];
+  size_t length = 0;
+  while (length < sizeof(augmentation)) {
+    augmentation[length] = static_cast<char>(common.Byte());
+    if (augmentation[length] == '\0') break;
+    ++length;
+  }
+  if (length == sizeof(augmentation)) return false;
+  common.Leb();                                 // code alignment
+  common.Leb();                                 // data alignment
+  version == 1 ? common.Byte() : common.Leb();  // the return address's register
+  result->sized = augmentation[0] == 'z';
+  const uint64_t data = result->sized ? common.Leb() : 0;
+  Reader letters = common;
+  common.Skip(data);
+  uint8_t encoding = kAbsolute;
+  result->signal_frame = false;
+  for (size_t i = 1; i < length; ++i) {
+    if (augmentation[i] == 'S') result->signal_frame = true;
+    if (augmentation[i] == 'R') encoding = letters.Byte();
+    if (augmentation[i] == 'L') letters.Byte();
+    if (augmentation[i] == 'P') letters.Skip(PointerSize(letters.Byte()));
+  }
+  result->pointer_size = PointerSize(encoding);
+  result->rules = common;
+  return true;
+}
+
+// Reads of the frame description at `frame` what FindFrameEntry needs; false when it is not one or
+// must not be used.
 bool ReadDescription(uint64_t frame, PageCache* memory, bool* signal_frame) {
   constexpr uint32_t kLongest = 1 << 16;
   struct {
     uint32_t length;
     uint32_t common;  // back from this field
   } head;
+  constexpr uint64_t kLengthSize = sizeof(head.length);
   uint32_t common_length;
-  if (!memory->Load(frame, &head) || head.length < 4 || head.length > kLongest) return false;
-  const uint64_t at = frame + 4 - head.common;
-  if (!memory->Load(at, &common_length) || common_length > kLongest) return false;
-  Reader common(memory, at + 8, at + 4 + common_length);
-  const uint8_t version = common.Byte();
-  char augmentation[8];
-  size_t length = 0;
-  while (length < sizeof(augmentation) && (augmentation[length] = static_cast<char>(common.Byte())))
-    ++length;
-  if (length == sizeof(augmentation)) return false;
-  common.Leb();
-  common.Leb();
-  version == 1 ? common.Byte() : common.Leb();
-  const bool sized = augmentation[0] == 'z';
-  const uint64_t data = sized ? common.Leb() : 0;
-  Reader letters = common;
-  common.Skip(data);
-  uint8_t encoding = 0;
-  *signal_frame = false;
-  for (size_t i = 1; i < length; ++i) {
-    if (augmentation[i] == 'S') *signal_frame = true;
-    if (augmentation[i] == 'R') encoding = letters.Byte();
-    if (augmentation[i] == 'L') letters.Byte();
-    if (augmentation[i] == 'P') letters.Skip(PointerSize(letters.Byte()));
+  if (!memory->Load(frame, &head) || head.length < sizeof(head.common) || head.length > kLongest) {
+    return false;
   }
-  Reader rules(memory, frame + 8 + 2 * PointerSize(encoding), frame + 4 + head.length);
-  if (sized) rules.Skip(rules.Leb());
-  return !RulesDivide(common) && !RulesDivide(rules);
+  const uint64_t at = frame + kLengthSize - head.common;
+  if (!memory->Load(at, &common_length) || common_length > kLongest) return false;
+  CommonPart common = {Reader(memory, 0, 0), false, false, 0};
+  if (!ReadCommonPart(memory, at + sizeof(head), at + kLengthSize + common_length, &common)) {
+    return false;
+  }
+  *signal_frame = common.signal_frame;
+  Reader rules(memory, frame + sizeof(head) + 2 * common.pointer_size,
+               frame + kLengthSize + head.length);
+  if (common.sized) rules.Skip(rules.Leb());
+  return !RulesDivide(common.rules) && !RulesDivide(rules);
+}
+
+// The search table of an image.
+struct SearchTable {
+  uint64_t header;   // its address, to which all in it is relative
+  uint64_t entries;  // the address of the first entry
+  uint64_t count;
+
+  uint64_t At(uint64_t i) const { return entries + i * sizeof(TableEntry); }
+  uint64_t Absolute(int32_t offset) const {
+    return header + static_cast<uint64_t>(int64_t{offset});
+  }
+};
+
+bool ReadSearchTable(const Module& module, PageCache* memory, SearchTable* table) {
+  const uint64_t size = module.image.unwind_header().size;
+  table->header = module.bias + module.image.unwind_header().vaddr;
+  TableHeader header;
+  if (size < sizeof(header) || !memory->Load(table->header, &header) ||
+      header.version != kTableVersion || header.count_encoding != kUnsigned4 ||
+      header.table_encoding != (kRelativeToTable | kSigned4)) {
+    return false;
+  }
+  const uint64_t pointer_size = PointerSize(header.frames_encoding);
+  uint32_t count;
+  const uint64_t head_size = sizeof(header) + pointer_size + sizeof(count);
+  table->entries = table->header + head_size;
+  if (pointer_size == 0 || size < head_size ||
+      !memory->Load(table->entries - sizeof(count), &count) ||
+      count > (size - head_size) / sizeof(TableEntry)) {
+    return false;
+  }
+  table->count = count;
+  return true;
 }
 
 }  // namespace
 
 bool FindFrameEntry(const Module& module, uint64_t pc, PageCache* memory, FrameEntry* result) {
-  uint64_t size = module.image.unwind_header().size;
-  uint64_t table = module.bias + module.image.unwind_header().vaddr;
-  TableHeader header;
-  if (size < sizeof(header) || !memory->Load(table, &header) || header.version != 1 ||
-      header.count_encoding != kUnsigned4 || header.table_encoding != kRelativeSigned4) {
-    return false;
-  }
-  uint64_t pointer_size = PointerSize(header.frames_encoding);
-  uint64_t entries = table + sizeof(header) + pointer_size + 4;
-  uint32_t count;
-  if (pointer_size == 0 || !memory->Load(entries - 4, &count) ||
-      count > (size - (entries - table)) / sizeof(TableEntry)) {
-    return false;
-  }
+  SearchTable table;
+  if (!ReadSearchTable(module, memory, &table)) return false;
   // The last entry whose address is not beyond the pc.
-  uint64_t low = 0, high = count;
+  uint64_t low = 0, high = table.count;
   TableEntry found = {}, at;
   while (low < high) {
-    uint64_t middle = (low + high) / 2;
-    if (!memory->Load(entries + middle * sizeof(at), &at)) return false;
-    if (table + static_cast<uint64_t>(int64_t{at.pc}) <= pc) {
+    const uint64_t middle = (low + high) / 2;
+    if (!memory->Load(table.At(middle), &at)) return false;
+    if (table.Absolute(at.pc) <= pc) {
       low = middle + 1;
       found = at;
     } else {
@@ -196,15 +304,13 @@ bool FindFrameEntry(const Module& module, uint64_t pc, PageCache* memory, FrameE
     }
   }
   if (low == 0) return false;
-  result->table = table;
-  result->entry = entries + (low - 1) * sizeof(at);
-  result->start = table + static_cast<uint64_t>(int64_t{found.pc});
+  result->table = table.header;
+  result->entry = table.At(low - 1);
+  result->start = table.Absolute(found.pc);
   result->end = UINT64_MAX;
-  if (low < count && memory->Load(entries + low * sizeof(at), &at)) {
-    result->end = table + static_cast<uint64_t>(int64_t{at.pc});
-  }
-  uint64_t frame = table + static_cast<uint64_t>(int64_t{found.frame});
-  return pc < result->end && ReadDescription(frame, memory, &result->signal_frame);
+  if (low < table.count && memory->Load(table.At(low), &at)) result->end = table.Absolute(at.pc);
+  return pc < result->end &&
+         ReadDescription(table.Absolute(found.frame), memory, &result->signal_frame);
 }
 
 }  // namespace unwindstack

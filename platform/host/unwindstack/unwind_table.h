@@ -13,11 +13,11 @@ namespace unwindstack {
 struct FrameEntry {
   uint64_t table;       // address of the table's header, to which its entries relate
   uint64_t entry;       // address of the entry itself
-  uint64_t start, end;  // the addresses that it is searched for
-  bool signal_frame;    // a handler's return trampoline: what is below was interrupted, not called
+  uint64_t start, end;  // of the addresses for which the search finds it
+  bool signal_frame;  // a return from a signal handler: the next frame was interrupted, not called
 };
 
-// False when there is none, or the table isn't one. What is found may still be a lie.
+// False when there is none or the table is malformed. What is found may still be false.
 bool FindFrameEntry(const Module& module, uint64_t pc, PageCache* memory, FrameEntry* result);
 
 }  // namespace unwindstack

@@ -9,16 +9,17 @@
 
 #include <unwindstack/RegsGetLocal.h>
 
-#include "interned_text.h"
 #include "no_cancellation.h"
+#include "pages.h"
 #include "stack_walk.h"
 
 namespace unwindstack {
 namespace {
 
+constexpr size_t kPooledFrames = 64;  // of one vector: what the library asks for at most
 constexpr size_t kPooledVectors = 4;
 
-// Everything is made at load and never unmade: threads may still unwind as the process exits.
+// Everything is made at load and never freed: threads may still unwind as the process exits.
 struct Shared {
   unw_addr_space_t space;
   std::vector<FrameData>* vectors[kPooledVectors];
@@ -29,12 +30,12 @@ struct Shared {
 Shared g_shared;
 
 StackWalk* NewStackWalk() {
-  void* pages = MapPages(sizeof(StackWalk));
+  void* const pages = MapPages(sizeof(StackWalk));
   return pages != nullptr ? new (pages) StackWalk() : nullptr;
 }
 
-// The lock on the walk. A thread that walks is not parked but where it walks its own stack; who
-// then waits for it does so for the five seconds of a rendezvous at most.
+// The lock on the walk. A thread that holds it may be stopped only while it walks its own stack,
+// and for the five seconds of a rendezvous at most.
 class WalkLock {
  public:
   WalkLock() {
@@ -48,10 +49,10 @@ class WalkLock {
   WalkLock& operator=(const WalkLock&) = delete;
 };
 
-// A fork in the middle of a walk leaves it in the child in any state, and the unwinding library's
-// own locks taken by nobody. The child leaves both as they are, begins a new walk and goes without
-// that library, from frame pointer to frame pointer. To have the fork wait instead would have it
-// hold up the unwinder, where the fork itself waits for an allocator lock of a parked thread.
+// After a fork in the middle of a walk, the child finds the walk in any state and the unwinding
+// library's own locks held by a thread that it does not have. It abandons both, begins a new walk
+// and follows frame pointers alone. The fork cannot wait for the walk instead: it may itself wait
+// for an allocator lock of the stopped thread, and then the unwinder would wait for the fork.
 void StartAnewInChild() {
   if (!g_shared.walk_taken.load(std::memory_order_relaxed)) return;
   g_shared.space = nullptr;
@@ -89,25 +90,25 @@ void Unwinder::Unwind(const std::vector<std::string>*, const std::vector<std::st
   frames_->clear();
   if (regs_ == nullptr || maps_ == nullptr) return;
   const NoCancellation scope;
-  WalkLock lock;
+  const WalkLock lock;
   if (g_shared.walk == nullptr) return;
   g_shared.walk->Run(g_shared.space, *regs_, maps_, max_frames_, frames_);
 }
 
 namespace {
 
-// Makes what allocates, and walks once: the unwinding library's functions are bound to their names
-// at their first call, which is not to happen while a thread is parked that may hold the loader's
+// Does what allocates, and walks once: the unwinding library's functions are bound to their names
+// at their first call, which must not happen while a thread is stopped that may hold the loader's
 // lock.
 __attribute__((constructor)) void PrepareAtLoad() {
   pthread_atfork(nullptr, nullptr, StartAnewInChild);
   g_shared.space = StackWalk::CreateAddressSpace();
   for (auto& frames : g_shared.vectors) {
     frames = new std::vector<FrameData>();
-    frames->reserve(Unwinder::kPooledFrames);
+    frames->reserve(kPooledFrames);
   }
   g_shared.walk = NewStackWalk();
-  Regs* regs = Regs::CreateFromLocal();
+  Regs* const regs = Regs::CreateFromLocal();
   if (regs == nullptr) return;
   RegsGetLocal(regs);
   LocalMaps maps;

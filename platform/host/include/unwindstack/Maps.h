@@ -1,4 +1,4 @@
-// The list of the calling process's mappings, seen anew by each object.
+// The list of the calling process's mappings, read anew by each object.
 //
 // An object is for one thread. Parsing takes no lock of the C library and allocates nothing from
 // its heap.
@@ -18,22 +18,21 @@ class Maps {
   Maps(const Maps&) = delete;
   Maps& operator=(const Maps&) = delete;
 
-  // False when the list cannot be read. Where the kernel answers for single addresses, the list is
-  // only opened here and asked later, so it is the list of the moment of asking.
+  // False when the list cannot be read. Where the kernel answers questions about single addresses,
+  // the list is only opened here and each answer is that of the moment of asking.
   virtual bool Parse();
 
-  // The mapping that holds `addr`; false when there is none or Parse has not succeeded.
-  bool Find(uint64_t addr, Mapping* result);
-
- protected:
-  Maps() = default;
-
  private:
+  friend class LocalMaps;
+  friend bool FindMapping(Maps* maps, uint64_t addr, Mapping* result);
+
+  Maps() = default;
+  bool Find(uint64_t addr, Mapping* result);
   bool Query(uint64_t addr, uint64_t flags, Mapping* result);
   bool ReadText();
   void Release();
 
-  int fd_ = -1;               // open only where the kernel answers queries
+  int fd_ = -1;               // open only where the kernel answers questions
   char* text_ = nullptr;      // else the list's text
   size_t text_capacity_ = 0;  // in bytes
   Mapping* entries_ = nullptr;

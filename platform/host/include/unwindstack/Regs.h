@@ -1,13 +1,9 @@
-// A thread's general registers, as the starting point of an unwind.
+// A thread's registers, as the starting point of an unwind.
 //
-// Objects come from a small pool of their own, so that making and deleting one takes no lock and
-// allocates nothing while another thread is parked. Any thread may use them; one object is for one
-// thread at a time.
+// Any thread may use them; one object is for one thread at a time. Making and deleting one takes no
+// lock and nothing of the C library's heap, so another thread may be stopped meanwhile.
 #ifndef QUORVEL_HOST_UNWINDSTACK_PUBLIC_REGS_H_
 #define QUORVEL_HOST_UNWINDSTACK_PUBLIC_REGS_H_
-
-#include <stddef.h>
-#include <stdint.h>
 
 #include <unwindstack/Arch.h>
 
@@ -17,7 +13,7 @@ class Regs {
  public:
   virtual ~Regs() = default;
 
-  static constexpr ArchEnum CurrentArch() {
+  static ArchEnum CurrentArch() {
 #if defined(__x86_64__)
     return ARCH_X86_64;
 #elif defined(__aarch64__)
@@ -25,43 +21,29 @@ class Regs {
 #elif defined(__arm__)
     return ARCH_ARM;  // only compiled, see scripts/device-check: the host layer cannot unwind there
 #else
-#error "the host's unwinder knows x86-64 and aarch64"
+#error "an architecture that the library is not built for"
 #endif
   }
 
-  // Of a `ucontext_t`, of which only uc_mcontext is read. Null for a null context, for another
-  // architecture than the current one, or when memory is exhausted.
+  // From a `ucontext_t`, of which only uc_mcontext is read. Null for a null context, for another
+  // architecture than the current one, and when memory is exhausted. The caller deletes the result.
   static Regs* CreateFromUcontext(ArchEnum arch, void* ucontext);
 
-  // Empty registers, for RegsGetLocal to fill. Null when memory is exhausted.
+  // Empty registers, for RegsGetLocal to fill. Null when memory is exhausted. The caller deletes
+  // the result.
   static Regs* CreateFromLocal();
 
-  virtual ArchEnum Arch();
-
-  // The register file, in DWARF order with the program counter after the last general register:
-  // kCount words.
-  void* RawData() {
-    return values_;
-  }
-
-#if defined(__x86_64__)
-  static constexpr size_t kFp = 6, kSp = 7, kPc = 16, kCount = 17;
-#elif defined(__arm__)
-  static constexpr size_t kFp = 11, kSp = 13, kLr = 14, kPc = 15, kCount = 16;
-#else
-  static constexpr size_t kFp = 29, kLr = 30, kSp = 31, kPc = 32, kCount = 33;
-#endif
-  uint64_t operator[](size_t index) const {
-    return values_[index];
-  }
-
-  static void* operator new(size_t size) noexcept;
-  static void operator delete(void* object) noexcept;
+  virtual ArchEnum Arch() = 0;
 
  private:
+  friend class HostRegs;
+  friend void RegsGetLocal(Regs* regs);
+
   Regs() = default;
 
-  uintptr_t values_[kCount] = {};
+  // The general registers, in the order of their DWARF numbers, and after them the program counter:
+  // words of the architecture.
+  virtual void* RawData() = 0;
 };
 
 }  // namespace unwindstack

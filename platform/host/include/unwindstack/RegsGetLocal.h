@@ -8,10 +8,8 @@ namespace unwindstack {
 
 // Fills `regs` with the registers as they are at this very point of the calling function: the
 // program counter lies in the caller, whose frame becomes frame 0. Always inlined for that reason.
-// Nothing for null.
 __attribute__((always_inline)) inline void RegsGetLocal(Regs* regs) {
-  if (regs == nullptr) return;
-  void* data = regs->RawData();
+  void* const data = regs->RawData();
 #if defined(__x86_64__)
   asm volatile(
       "movq %%rax, 0(%[data])\n\t"
@@ -36,18 +34,7 @@ __attribute__((always_inline)) inline void RegsGetLocal(Regs* regs) {
       :
       : [data] "r"(data)
       : "rax", "memory");
-#elif defined(__arm__)
-  asm volatile(
-      "stmia %[data], {r0-r12}\n\t"
-      "str sp, [%[data], #52]\n\t"
-      "str lr, [%[data], #56]\n\t"
-      "adr r12, 0f\n"
-      "0:\n\t"
-      "str r12, [%[data], #60]\n\t"
-      :
-      : [data] "r"(data)
-      : "r12", "memory");
-#else
+#elif defined(__aarch64__)
   asm volatile(
       "stp x0, x1, [%[data], #0]\n\t"
       "stp x2, x3, [%[data], #16]\n\t"
@@ -72,6 +59,17 @@ __attribute__((always_inline)) inline void RegsGetLocal(Regs* regs) {
       :
       : [data] "r"(data)
       : "x9", "x10", "memory");
+#else
+  asm volatile(
+      "stmia %[data], {r0-r12}\n\t"
+      "str sp, [%[data], #52]\n\t"
+      "str lr, [%[data], #56]\n\t"
+      "adr r12, 0f\n"
+      "0:\n\t"
+      "str r12, [%[data], #60]\n\t"
+      :
+      : [data] "r"(data)
+      : "r12", "memory");
 #endif
 }
 

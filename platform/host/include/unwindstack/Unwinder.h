@@ -1,8 +1,8 @@
 // Walks the call stack of a thread of this process, from its registers.
 //
-// The thread may be parked while it holds any lock of the process. From construction to the end of
+// The thread may be stopped while it holds any lock of the process: from construction to the end of
 // Unwind nothing is allocated from the C library's heap and none of its or the loader's locks is
-// taken. Unwinds of several threads wait for each other.
+// locked. Unwinds of several threads wait for each other.
 #ifndef QUORVEL_HOST_UNWINDSTACK_PUBLIC_UNWINDER_H_
 #define QUORVEL_HOST_UNWINDSTACK_PUBLIC_UNWINDER_H_
 
@@ -24,7 +24,7 @@ struct FrameData {
   size_t num = 0;
 
   uint64_t rel_pc = 0;  // pc as the frame's ELF file numbers its addresses; pc itself without a map
-  uint64_t pc = 0;      // where the frame goes on: after the first frame, the return address
+  uint64_t pc = 0;      // exact in the first frame and after a signal's, else within the call
   uint64_t sp = 0;
 
   SharedString function_name;
@@ -41,14 +41,12 @@ struct FrameData {
 
 class Unwinder {
  public:
-  // Borrows `maps`, which must have been parsed, and `regs`. Frames up to kPooledFrames go into
-  // storage set aside at load; more than that, or more than a few Unwinders at once, allocate.
+  // Borrows `maps`, which must have been parsed, and `regs`. Up to 64 frames go into storage set
+  // aside at load; more than that, or more than a few Unwinders at once, allocate.
   Unwinder(size_t max_frames, Maps* maps, Regs* regs, std::shared_ptr<Memory> process_memory);
   ~Unwinder();
   Unwinder(const Unwinder&) = delete;
   Unwinder& operator=(const Unwinder&) = delete;
-
-  static constexpr size_t kPooledFrames = 64;
 
   // Fills frames(), innermost first. Neither list is supported by the host layer: both are ignored.
   void Unwind(const std::vector<std::string>* initial_map_names_to_skip = nullptr,
