@@ -1,5 +1,6 @@
 // C++ watches whose callables are called, ended, dropped, moved and forked, in every order.
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -342,6 +343,36 @@ TEST_F(WatchHpp, FlagsReachTheLibraryAndOnlyTheirOwnTypeConverts) {
   static_assert((quorvel::kLog | QUORVEL_FLAG_SYSTRACE) == Flags(9u));
   const Watch watch("n", seconds(60), quorvel::kRecovery | quorvel::kBacktrace);
   EXPECT_EQ(QuorvelFindNode(watch.id())->flags, 6u);
+}
+
+class WatchHppPlugin : public WatchHpp {
+ protected:
+  void StartThereAndEndAnywhere(void* plugin) {
+    ASSERT_NE(plugin, nullptr) << dlerror();
+    const auto start =
+        reinterpret_cast<void (*)(Watch*, std::atomic<int>*)>(dlsym(plugin, "start_watch"));
+    const auto end = reinterpret_cast<int (*)(Watch*)>(dlsym(plugin, "end_watch"));
+    std::atomic<int> calls{0};
+    Watch theirs, in_time, own("own", kSecond, [life = life_] { ++*life; });
+    start(&theirs, &calls);
+    Expire();
+    EXPECT_EQ(calls, 1);
+    start(&in_time, &calls);
+    EXPECT_TRUE(SucceedsInChild([&] { EXPECT_EQ(in_time.End(), State::kNone); }));
+    EXPECT_EQ(theirs.End(), State::kFired);
+    EXPECT_EQ(in_time.End(), State::kEnded);
+    EXPECT_EQ(end(&own), static_cast<int>(State::kFired));
+    EXPECT_EQ(Alive(), 0);
+  }
+};
+
+TEST_F(WatchHppPlugin, AnObjectThatHidesItsSymbols) {
+  StartThereAndEndAnywhere(dlopen(WATCH_PLUGIN_HIDDEN, RTLD_NOW | RTLD_LOCAL));
+}
+
+TEST_F(WatchHppPlugin, AnObjectWhoseFunctionsAreReplacedByAnothers) {
+  StartThereAndEndAnywhere(dlopen(WATCH_PLUGIN_DEFAULT, RTLD_NOW | RTLD_GLOBAL));
+  StartThereAndEndAnywhere(dlopen(WATCH_PLUGIN_INTERPOSED, RTLD_NOW | RTLD_GLOBAL));
 }
 
 // A monitor that ticks without a pause, and three threads that start watches, whose callables may

@@ -25,6 +25,8 @@
 //
 // Each program and each shared object has a table of its own, whatever its symbols' visibility. A
 // block knows its table, so that a watch may be ended by another object than the one that made it.
+// What names the table, and not just the block, is hidden: the loader may replace an object's other
+// inline functions by those of another object, whose table is a different one.
 #ifndef QUORVEL_DETAIL_CALLABLE_TABLE_HPP_
 #define QUORVEL_DETAIL_CALLABLE_TABLE_HPP_
 
@@ -56,6 +58,8 @@ static_assert(kCallableBlocks == std::size_t{1} << kTagIndexBits, "a tag names e
 
 enum class BlockState : std::uint8_t { kFree, kWaiting, kRunning, kAbandoned, kReturned, kClosed };
 
+#define QUORVEL_HIDDEN __attribute__((visibility("hidden")))
+
 class CallableTable;
 
 // The lock of its table guards all that changes between Acquire and Close, but for the storage.
@@ -75,7 +79,7 @@ class CallableTable {
  public:
   // A block in kWaiting for the caller to fill before it tells anyone the block's tag. Null when
   // all are in use, or without memory for the fork handler at the first call.
-  CallableBlock* Acquire() noexcept;
+  QUORVEL_HIDDEN CallableBlock* Acquire() noexcept;
 
   // What the library's callback gets for this block.
   void* TagOf(const CallableBlock& block) const noexcept {
@@ -119,7 +123,7 @@ class CallableTable {
   void AwaitReturn(CallableBlock* block) noexcept;
   void DestroyAndFree(CallableBlock* block) noexcept;
   void PushFree(CallableBlock* block) noexcept;
-  bool RegisterForkHandler() noexcept;
+  QUORVEL_HIDDEN bool RegisterForkHandler() noexcept;
   void ResetInChild() noexcept;
 
   pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
@@ -134,11 +138,11 @@ class CallableTable {
 
 // Constant-initialised and never destroyed: a call may come while the process exits.
 static_assert(std::is_trivially_destructible_v<CallableTable>);
-__attribute__((visibility("hidden"))) inline CallableTable g_callables;
+QUORVEL_HIDDEN inline CallableTable g_callables;
 
 // The library's callback for every watch with a callable. A callable that throws ends the process,
 // as an exception on the monitor thread would.
-__attribute__((visibility("hidden"))) inline void CallTagged(void* tag) noexcept {
+QUORVEL_HIDDEN inline void CallTagged(void* tag) noexcept {
   g_callables.Call(tag);
 }
 
@@ -292,6 +296,8 @@ inline void CallableTable::ResetInChild() noexcept {
     }
   }
 }
+
+#undef QUORVEL_HIDDEN
 
 }  // namespace detail
 }  // namespace quorvel
