@@ -1,4 +1,4 @@
-// The page.
+// The page of incidents: one HTML file that holds all it needs and makes no request.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace report {
 
-// Writes one self-contained page of all incidents, in the ranking's order, to the file of that
-// path. The file is replaced as a whole or not at all: false, with the reason. The incidents hold
-// their logs' bytes (LogReader's keep_raw), which are no safe text.
+// Replaces the file at path by the page of these incidents, as a whole or not at all. The raw logs
+// are those that the incidents hold (LogReader's keep_raw). False, with the reason, when it cannot
+// be written.
 bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
                const Ranking& ranking, std::string* error);
 

@@ -1,0 +1,138 @@
+// The incidents, as the program wrote them: every string once, equal frames and stacks once, all
+// else by index (html_data.cpp writes it). A negative index stands for what the log does not say.
+
+const FRAME_CLASSES = ['own', 'library', 'waiting'];
+
+function readData(json) {
+  const raw = JSON.parse(json);
+  const strings = raw.strings.map(visibleText);
+  const string = (index) => (index < 0 ? null : strings[index]);
+  const frames = raw.frames.map((fields) => readFrame(fields, string));
+  const kernelFrames = raw.kernelFrames.map((fields) => readKernelFrame(fields, string));
+  const stacks = raw.stacks.map(([user, kernel, failed, kind, text, telling], index) => ({
+    index,
+    user: user.map((frame) => frames[frame]),
+    kernel: kernel.map((frame) => kernelFrames[frame]),
+    failed: string(failed),
+    reason: {kind: string(kind), text: string(text)},
+    telling,
+  }));
+  const incidents = raw.incidents.map((fields, index) => readIncident(fields, index, string));
+  const signatures = rankSignatures(raw, incidents, string);
+  return {strings, frames, kernelFrames, stacks, incidents, signatures};
+}
+
+function readFrame([plain, full, map, pc, offset, functionOffset, source, kind, inlined], string) {
+  const module = string(map);
+  return {
+    label: string(plain),
+    function: string(full),
+    module,
+    shortModule: module.replace(/ \(deleted\)$/, '').replace(/^.*\/(?=.)/, ''),
+    pc,
+    offset,
+    functionOffset,
+    source: string(source),
+    inlined: inlined.map(string),
+    class: FRAME_CLASSES[kind],
+    strings: [plain, full, map, source, ...inlined].filter((index) => index >= 0),
+  };
+}
+
+function readKernelFrame([text, label], string) {
+  return {label: string(label), text: string(text), class: 'kernel', strings: [text]};
+}
+
+function readIncident(fields, index, string) {
+  return {
+    index,
+    file: string(fields.file),
+    written: string(fields.written),
+    started: string(fields.started),
+    time: timeOf(string(fields.written)),
+    utcOffset: fields.utcOffset,
+    armedSeconds: fields.armedSeconds,
+    tid: fields.tid,
+    watch: string(fields.watch),
+    program: string(fields.program),
+    fingerprint: string(fields.fingerprint),
+    reason: {kind: string(fields.kind), text: string(fields.reason)},
+    threads: fields.threads,  // id and stack of each in turn, the watched one first
+    problems: fields.problems.map(string),
+    problemCount: fields.problemCount,
+    signatureId: string(fields.signatureId),
+    signature: null,
+  };
+}
+
+// The signatures in the order of the ranking.
+function rankSignatures(raw, incidents, string) {
+  const byId = new Map(raw.ranking.map(([id, frames]) =>
+    [string(id), {id: string(id), frames: frames.map(string), incidents: []}]));
+  for (const incident of incidents) {
+    if (!byId.has(incident.signatureId)) {
+      byId.set(incident.signatureId, {id: incident.signatureId, frames: [], incidents: []});
+    }
+    incident.signature = byId.get(incident.signatureId);
+    incident.signature.incidents.push(incident);
+  }
+  const ranked = raw.ranking.length;
+  const known = [...byId.values()];
+  const signatures = [...known.slice(0, ranked), ...known.slice(ranked).sort((a, b) =>
+    b.incidents.length - a.incidents.length)].filter((signature) => signature.incidents.length > 0);
+  signatures.forEach(summarise);
+  return signatures;
+}
+
+function summarise(signature, index) {
+  const distinct = (values) => [...new Set(values.filter((value) => value !== null))];
+  const {incidents} = signature;
+  incidents.sort((a, b) => b.time - a.time || a.index - b.index);
+  signature.index = index;
+  signature.programs = distinct(incidents.map((incident) => incident.program));
+  signature.watches = distinct(incidents.map((incident) => incident.watch));
+  signature.reason = incidents[0].reason;
+  Object.assign(signature, timeSpan(incidents));
+}
+
+function timeSpan(incidents) {
+  const times = incidents.map((incident) => incident.time).filter((time) => time !== null);
+  if (times.length === 0) return {first: null, last: null};
+  return {first: times.reduce((a, b) => Math.min(a, b)), last: times.reduce((a, b) => Math.max(a, b))};
+}
+
+// Milliseconds since the epoch. A time without a zone is the device's own: it is placed as if it
+// were UTC.
+function timeOf(text) {
+  if (text === null) return null;
+  const time = Date.parse(text.endsWith('Z') ? text : `${text}Z`);
+  return Number.isNaN(time) ? null : time;
+}
+
+// "2026-11-22 21:13:48 UTC"; without the zone when the log does not tell it.
+function timeText(text) {
+  if (text === null) return 'unknown time';
+  return text.replace('T', ' ').replace(/\.\d+/, '').replace(/Z$/, ' UTC');
+}
+
+function dayText(time) {
+  return time === null ? '' : new Date(time).toISOString().slice(0, 16).replace('T', ' ');
+}
+
+// The threads of an incident: the watched one first, then by id.
+function threadsOf(data, incident) {
+  const threads = [];
+  for (let i = 0; i < incident.threads.length; i += 2) {
+    const tid = incident.threads[i];
+    threads.push({tid, stack: data.stacks[incident.threads[i + 1]], watched: tid === incident.tid});
+  }
+  return threads;
+}
+
+// The raw log, which the page holds deflated. Resolves to its text.
+async function readLog(incident) {
+  const block = document.getElementById(`log-${incident.index}`);
+  const bytes = Uint8Array.from(atob(block.textContent), (character) => character.charCodeAt(0));
+  const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
+  return new Response(stream).text();
+}

@@ -1,0 +1,311 @@
+#!/usr/bin/python3
+"""The page of quorvel-report --html, in a real browser.
+
+    page_test.py PROGRAM [unittest's arguments]
+"""
+
+import os
+import resource
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SKIPPED = 77  # ctest's sign that a test could not run
+
+
+def skip(missing):
+    print(f"{missing} is not installed: scripts/setup page")
+    return 1 if os.environ.get("CI") else SKIPPED
+
+
+try:
+    import browser
+    from selenium.webdriver.common.keys import Keys
+except ImportError:
+    sys.exit(skip("python3-selenium"))
+
+import sample_logs
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+AXE = os.path.join(HERE, "node_modules", "axe-core", "axe.min.js")
+PROGRAM = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else ""
+MANY_INCIDENTS, MANY_THREADS, MANY_SECONDS = 1000, 50, 3
+HOSTILE = "</script><script>window.hit=1</script><img src=x onerror='window.hit=1'>"
+
+
+def report(*arguments, **options):
+    return subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, check=False,
+                          timeout=100, **options)
+
+
+def make_page(texts):
+    """The page of these logs, and the directory that both lie in."""
+    directory = tempfile.TemporaryDirectory()
+    for i, text in enumerate(texts):
+        sample_logs.write_log(directory.name, text, sample_logs.FIRST_MS + i)
+    page = os.path.join(directory.name, "page.html")
+    result = report("--html", page, directory.name)
+    if result.returncode != 0:
+        raise AssertionError(result.stderr)
+    return page, directory
+
+
+class PageTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = browser.Browser()
+        cls.addClassCleanup(cls.browser.quit)
+
+    def open(self, *texts, address=""):
+        page, directory = make_page(texts)
+        self.addCleanup(directory.cleanup)
+        self.seconds = self.browser.open(page, address)
+        return page
+
+    def setUp(self):
+        self.browser.set_view()
+
+
+class OneIncident(PageTest):
+    def setUp(self):
+        super().setUp()
+        self.log = sample_logs.log_text(sample_logs.deadlock())
+        self.page = self.open(self.log)
+
+    def shown_boxes(self):
+        return self.browser.execute_script(
+            "return [...document.querySelectorAll('.box')]"
+            ".map((box) => [box.textContent, Math.round(box.getBoundingClientRect().width)])")
+
+    def search(self, words):
+        field = self.browser.find_element("id", "search")
+        field.clear()
+        field.send_keys(words)
+        self.browser.wait("return document.getElementById('search-status').textContent !== ''")
+
+    def test_requests_nothing_and_logs_no_error(self):
+        self.browser.click(".raw-log summary")
+        self.browser.wait("return document.querySelector('.raw-log pre') !== null")
+        self.assertEqual(self.browser.requests(), ["file://" + self.page])
+        self.assertEqual(self.browser.console(), [])
+
+    def test_cause_names_both_threads_of_a_deadlock(self):
+        cause = self.browser.text(".cause")
+        self.assertRegex(cause, r"Thread 15634 waits for a mutex[^\n]*asked for by\s+"
+                                r"lock_account_b ← transfer_a_to_b")
+        self.assertRegex(cause, r"Thread 15635 waits for a mutex[^\n]*\s+"
+                                r"lock_account_a ← transfer_b_to_a")
+
+    def test_groups_come_watched_then_rare_then_idle_in_one_line(self):
+        groups = self.browser.texts(".groups > li")
+        self.assertEqual(len(groups), 4)
+        self.assertRegex(groups[0], "^1 thread watched")
+        self.assertIn("15635", groups[1])
+        self.assertIn("read_header", groups[2])
+        self.assertRegex(groups[3], r"^57 threads only idle \(57 condition\)\s*$")
+
+    def test_group_unfolds_to_both_stacks(self):
+        self.browser.click(".groups > li:nth-child(3) summary")
+        self.browser.wait("return document.querySelector('.groups .stack') !== null")
+        user, kernel = self.browser.texts(".groups .stack")
+        self.assertIn("read_header", user)
+        self.assertIn("unix_stream_read_generic", kernel)
+
+    def test_click_zooms_and_button_shows_all(self):
+        before = self.shown_boxes()
+        self.browser.click(".box[aria-label^='transfer_b_to_a,']")
+        zoomed = dict(self.shown_boxes())
+        picture = self.browser.find_element("class name", "icicle").size["width"]
+        self.assertAlmostEqual(zoomed["transfer_b_to_a"], picture, delta=2)
+        self.assertAlmostEqual(zoomed["lock_account_a"], picture, delta=2)
+        self.assertNotIn("take_job", zoomed)
+        self.browser.click(".tools button")
+        self.assertEqual(self.shown_boxes(), before)
+
+    def test_keys_move_and_zoom(self):
+        def focused():
+            return self.browser.execute_script("return document.activeElement.getAttribute('aria-label')")
+        self.browser.execute_script("document.querySelector('.box[tabindex=\"0\"]').focus()")
+        for key, label in ((Keys.ARROW_DOWN, "clone3,"), (Keys.ARROW_DOWN, "start_thread,"),
+                           (Keys.ARROW_DOWN, "transfer_a_to_b,"), (Keys.ARROW_RIGHT, "take_job,"),
+                           (Keys.ARROW_LEFT, "transfer_a_to_b,"), (Keys.ENTER, "transfer_a_to_b,"),
+                           (Keys.ARROW_UP, "start_thread,")):
+            self.browser.switch_to.active_element.send_keys(key)
+            self.assertTrue(focused().startswith(label), f"{focused()} after {label}")
+        zoomed = "return document.querySelector('.box[aria-selected=true]').textContent"
+        self.assertEqual(self.browser.execute_script(zoomed), "transfer_a_to_b")
+        self.browser.switch_to.active_element.send_keys(Keys.ESCAPE)
+        self.assertEqual(self.browser.execute_script(zoomed), "start_thread")
+
+    def test_picture_leaves_out_idle_threads(self):
+        self.browser.click("#only-busy")
+        boxes = dict(self.shown_boxes())
+        self.assertNotIn("take_job", boxes)
+        self.assertGreater(boxes["transfer_a_to_b"], 300)
+
+    def test_search_marks_frames_and_counts_threads(self):
+        self.search("READ_HEAD")
+        self.assertIn("1 thread here", self.browser.text("#search-status"))
+        self.assertEqual(self.browser.texts(".groups > li .tag:not([hidden])"), ["watched", "matches"])
+        self.assertEqual(self.browser.execute_script(
+            "return [...document.querySelectorAll('.box.match')].map((box) => box.getAttribute('aria-label'))"),
+            ["read_header, 1 of 60 threads"])
+        self.browser.click(".groups > li:nth-child(3) summary")
+        self.browser.wait("return document.querySelector('.groups .stack mark')?.textContent === 'read_head'")
+
+    def test_raw_log_is_the_file(self):
+        self.browser.click(".raw-log summary")
+        self.browser.wait("return document.querySelector('.raw-log pre') !== null")
+        shown = self.browser.execute_script("return document.querySelector('.raw-log pre').textContent")
+        self.assertEqual(shown.rstrip("\n"), self.log.rstrip("\n"))
+
+    def test_theme_switch_overrides_the_system(self):
+        colour = "return getComputedStyle(document.body).backgroundColor"
+        light = self.browser.execute_script(colour)
+        self.browser.set_view(dark=True)
+        dark = self.browser.execute_script(colour)
+        self.assertNotEqual(light, dark)
+        self.browser.find_element("id", "theme").send_keys("Light")
+        self.assertEqual(self.browser.execute_script(colour), light)
+
+
+class HostileLogs(PageTest):
+    def test_markup_in_names_is_text(self):
+        threads = {7: sample_logs.mutex_wait(HOSTILE), 8: sample_logs.idle(HOSTILE + "2")}
+        self.open(sample_logs.log_text(threads, watch=HOSTILE, program="<b>p</b>"))
+        self.browser.click(".raw-log summary")
+        self.browser.click(".tools button:nth-of-type(1)")
+        self.browser.wait("return document.querySelector('.raw-log pre') !== null")
+        self.assertIn(HOSTILE, self.browser.text("h1"))
+        self.assertIn(HOSTILE, self.browser.text(".cause"))
+        self.assertIn(HOSTILE, self.browser.text(".raw-log pre"))
+        self.assertIsNone(self.browser.execute_script("return window.hit ?? document.querySelector('img, b')"))
+        self.assertEqual(self.browser.console(), [])
+
+    def test_policy_stops_what_text_would_bring(self):
+        """Were there a way for markup into the page, the browser would still refuse it."""
+        self.open(sample_logs.log_text(sample_logs.deadlock()))
+        refused = self.browser.execute_script("""
+            try { document.body.innerHTML = '<img src=x>'; return 'markup'; } catch (error) {
+              const script = document.createElement('style');
+              script.textContent = 'body { display: none }';
+              document.head.append(script);
+              return getComputedStyle(document.body).display;
+            }""")
+        self.assertEqual(refused, "block")
+
+    def test_control_and_direction_characters_show(self):
+        self.open(sample_logs.log_text({7: sample_logs.idle()}) + "\x1b[31m\u202egnp.exe\u2028\n")
+        self.browser.click(".raw-log summary")
+        self.browser.wait("return document.querySelector('.raw-log pre') !== null")
+        self.assertIn("␛[31m\ufffdgnp.exe\ufffd", self.browser.text(".raw-log pre"))
+
+    def test_log_without_stacks_still_opens(self):
+        self.open("Mon Nov 23 10:00:00 2026\ntimeout tid: 7\n")
+        self.assertIn("no stack of the watched thread 7", self.browser.text(".cause"))
+        self.assertEqual(self.browser.console(), [])
+
+
+class ManyIncidents(PageTest):
+    def logs(self, watches=("a", "b", "b")):
+        return [sample_logs.log_text({7: sample_logs.mutex_wait(f"work_{watch}")}, watch=watch,
+                                     ms=sample_logs.FIRST_MS + i) for i, watch in enumerate(watches)]
+
+    def test_ranking_leads_to_its_incidents(self):
+        self.open(*self.logs())
+        self.assertRegex(self.browser.texts(".ranking li")[0], r"2\s+incidents[^$]*b in bank_service")
+        self.browser.click(".ranking li a")
+        self.browser.wait("return document.querySelectorAll('.incidents li').length === 2")
+        self.browser.click(".incidents li a")
+        self.browser.wait("return document.querySelector('.cause') !== null")
+        self.assertIn("work_b", self.browser.text(".cause"))
+        self.browser.back()
+        self.browser.wait("return document.querySelectorAll('.incidents li').length === 2")
+
+    def test_search_leaves_the_incidents_that_match(self):
+        self.open(*self.logs())
+        self.browser.find_element("id", "search").send_keys("work_a")
+        self.browser.wait("return document.querySelectorAll('.incidents li').length === 1")
+        self.assertEqual(len(self.browser.texts(".ranking li")), 1)
+        self.assertIn("1 incident of 3", self.browser.text("#search-status"))
+
+    def test_thousand_incidents_are_ready_in_time(self):
+        def threads(i):
+            kinds = (sample_logs.idle, sample_logs.mutex_wait, sample_logs.socket_read)
+            return {100 + j: kinds[j * (i % 9 + 1) % 3](f"job_{j % 13}", f"pool_{i % 7}")
+                    for j in range(MANY_THREADS)}
+        self.open(*(sample_logs.log_text(threads(i), watch=f"watch-{i % 25}", ms=sample_logs.FIRST_MS + i)
+                    for i in range(MANY_INCIDENTS)))
+        print(f"{MANY_INCIDENTS} incidents of {MANY_THREADS} threads: ready after {self.seconds:.2f} s")
+        self.assertIn("1,000 incidents", self.browser.text("h1"))
+        self.assertLess(self.seconds, MANY_SECONDS)
+
+
+class Accessibility(PageTest):
+    def violations(self):
+        with open(AXE, encoding="utf-8") as file:
+            self.browser.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
+            self.browser.refresh()
+            self.browser.wait("return document.documentElement.dataset.ready === 'true'")
+            self.browser.execute_script(file.read())
+        found = self.browser.execute_async_script("axe.run().then(arguments[0])")["violations"]
+        return [f"{item['id']}: {item['nodes'][0]['html'][:200]}" for item in found]
+
+    def check(self, prepare):
+        for width, dark in ((1400, False), (1400, True), (420, False), (420, True)):
+            with self.subTest(width=width, dark=dark):
+                self.browser.set_view(width, dark=dark)
+                self.assertEqual(self.violations(), [])
+                prepare()
+                overflow = "return document.documentElement.scrollWidth - innerWidth"
+                self.assertLessEqual(self.browser.execute_script(overflow), 0)
+
+    def test_incident_has_no_fault(self):
+        self.open(sample_logs.log_text(sample_logs.deadlock()))
+        self.check(lambda: self.browser.click(".tools button:nth-of-type(1)"))
+
+    def test_overview_has_no_fault(self):
+        self.open(*(sample_logs.log_text(sample_logs.deadlock(), watch=f"w{i % 3}") for i in range(9)))
+        self.check(lambda: None)
+
+
+class Replacing(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = directory.name
+        self.log = sample_logs.write_log(self.directory, sample_logs.log_text(sample_logs.deadlock()))
+        self.page = os.path.join(self.directory, "page.html")
+        with open(self.page, "w", encoding="utf-8") as file:
+            file.write("old")
+        os.chmod(self.page, 0o600)
+
+    def test_full_disk_leaves_the_old_page_alone(self):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (10000, 10000))
+        result = report("--html", self.page, self.log, preexec_fn=limit, restore_signals=False)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("File too large", result.stderr)
+        with open(self.page, encoding="utf-8") as file:
+            self.assertEqual(file.read(), "old")
+        self.assertEqual(len(os.listdir(self.directory)), 2)
+
+    def test_new_page_keeps_link_and_permissions(self):
+        link = os.path.join(self.directory, "link.html")
+        os.symlink(self.page, link)
+        self.assertEqual(report("--html", link, self.log).returncode, 0)
+        self.assertTrue(os.path.islink(link))
+        self.assertEqual(os.stat(self.page).st_mode & 0o777, 0o600)
+        self.assertGreater(os.path.getsize(self.page), 10000)
+
+    def test_device_is_not_replaced(self):
+        result = report("--html", "/dev/null", self.log)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("/dev/null is no regular file", result.stderr)
+
+
+if __name__ == "__main__":
+    if not browser.is_installed() or not os.path.exists(AXE):
+        sys.exit(skip("chromium, its driver or axe-core"))
+    unittest.main()
