@@ -224,6 +224,9 @@ TEST_F(AndroidLog, AFileOrSocketThatTookTheNumberIsLeftAlone) {
   Use(ends[0], ends[1]);
   Log("into a connection of the host's");
   EXPECT_EQ(ReadAll(), "");
+  UsePipe();
+  Log("into a pipe");
+  EXPECT_THAT(ReadAll(), HasSubstr(" W log     : 2 lines of this log were discarded"));
 }
 
 TEST_F(AndroidLog, AFileOpenedForAppendingIsWrittenTo) {

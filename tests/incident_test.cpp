@@ -1,9 +1,7 @@
-// Whole incidents, their files, lines and events.
+// Whole incidents: what is written, called and reported, and in which order.
 
-#include <android/log.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -15,34 +13,50 @@
 #include "log/quorvel_log.h"
 #include "support/fakes.h"
 #include "support/log_capture.h"
-#include "support/surroundings.h"
 #include "support/test_root.h"
 
 namespace {
 
-using test_root::kLogDir;
 using test_root::ReadFile;
 using test_root::SetProperty;
 using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
 using Texts = std::vector<std::string>;
 
-constexpr int kLog = QUORVEL_FLAG_LOG;
+constexpr time_t kNow = 1763315480;
 
-// Each test begins a rate-limit period of its own, so none adds to this process's count.
+// The process's time zone while it lives.
+struct ScopedZone {
+  explicit ScopedZone(const char* zone) { Set(zone); }
+  ~ScopedZone() { Set(old_.c_str()); }
+  static void Set(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  const std::string old_ = getenv("TZ") != nullptr ? getenv("TZ") : ":/etc/localtime";
+};
+
+// Each test begins a rate-limit period of its own, so none adds to this process's count. The event
+// and the trace are switched on.
 class Incident : public testing::Test {
  protected:
   Incident() {
-    for (const char* dir : {kLogDir, "/data/log/dravik/", "/dev/__properties__/"}) {
+    for (const char* dir : {test_root::kLogDir, "/data/log/dravik/", "/dev/__properties__/"}) {
       test_root::MakeEmptyDir(dir);
     }
     SetProperty("dravik.event.12.config", "1");
     SetProperty("debug.atrace.tags.enableflags", "0x800");
+    test_root::WriteFile(trace_, "");
     now_ += 1000;
     fakes.time = [] { return now_; };
-    fakes.gettimeofday = [] { return timeval{1763315480, 7250}; };
+    fakes.gettimeofday = [] { return timeval{kNow, 7250}; };
     fakes.getprogname = [this] { return program_; };
   }
-  ~Incident() override { close(QuorvelGetLogFd()), QuorvelSetLogFd(-1); }
+  ~Incident() override {
+    close(QuorvelGetLogFd());
+    QuorvelSetLogFd(-1);
+  }
 
   void Respond(uint32_t flags) {
     const QuorvelCallback call = [](void* arg) { (*static_cast<std::function<void()>*>(arg))(); };
@@ -51,140 +65,182 @@ class Incident : public testing::Test {
         {0x20a, callback_ ? call : nullptr, gettid(), "100% of %s", now_ - 9, &callback_, flags},
         false);
   }
-  Texts Logged() {
-    Texts texts;
-    for (const std::string& line : log_.Lines())
-      texts.push_back(line.substr(strlen("E/QUORVEL: ")));
+  std::string Fingerprint() {
     log_.Clear();
-    return texts;
+    QuorvelInsertLogTitle(42, nullptr, now_);
+    const Texts lines = log_.Lines("W/QUORVEL: Build fingerprint: ");
+    return lines.size() == 1 ? lines[0] : "";
   }
-  static std::string LogPath(const std::string& name) { return test_root::Path(kLogDir + name); }
   static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
+  static std::string Event(const std::string& command, const std::string& message) {
+    return "{\"id\":12,\"pid\":" + std::to_string(getpid()) + ",\"time\":" + std::to_string(now_) +
+           ",\"command\":\"" + command + "\",\"message\":\"" + message + "\"}\n";
+  }
 
-  static inline time_t now_ = 1763315480;
+  static inline time_t now_ = kNow;
+  const std::string path_ =
+      test_root::Path(std::string(test_root::kLogDir) + "quorvel@1763315480007.log");
+  const std::string trace_ = test_root::Path("/sys/kernel/tracing/trace_marker");
+  const std::string tid_ = std::to_string(gettid()) + "\n";
   const char* program_ = "app";
   std::function<void()> callback_;
-  const std::string no_exit_ = "not set recovery flag of quorvel";
   ScopedFakes restore_;
   LogCapture log_;
 };
 
-TEST_F(Incident, TheWholeOfItComesInOrder) {
-  const std::string tid = std::to_string(gettid()) + "\n", pid = std::to_string(getpid());
-  const std::string time = std::to_string(now_), path = LogPath("quorvel@1763315480007.log");
-  const std::string trace = test_root::Path("/sys/kernel/tracing/trace_marker");
-  test_root::WriteFile(trace, "");
-  std::string header;
-  int fd = -1;
+TEST_F(Incident, IsAnnouncedAndHasItsHeaderInTheFileBeforeTheCallbackRuns) {
+  bool called = false;
   callback_ = [&] {
+    called = true;
     EXPECT_EQ(log_.Lines().front(), "E/QUORVEL: Trigger 0x20a Callback Function ...\n");
+    EXPECT_THAT(ReadFile(path_), HasSubstr("\ntimeout tid: " + tid_));
+    EXPECT_THAT(ReadFile(path_), HasSubstr("\n>>> app <<<\n"));
     EXPECT_EQ(Journal(), "");
-    header = ReadFile(path);
-    EXPECT_THAT(header, HasSubstr("\ntimeout tid: " + tid + "timeout function: 100% of %s\ntime "));
-    QuorvelPrintLine("said by the callback");
-    fd = QuorvelGetLogFd();
-    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0644));
   };
-  const mode_t old_mask = umask(077);
-  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE | QUORVEL_FLAG_SYSTRACE);
-  umask(old_mask);
-  const std::string text = ReadFile(path);
-  EXPECT_EQ(text.find(header + "\nkernel stack tid = " + tid), 0u);
-  EXPECT_THAT(text.substr(header.size()), HasSubstr("\n\ntid = " + tid));
-  EXPECT_THAT(text, testing::Not(HasSubstr("said by the callback")));
-  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  const std::string event = "{\"id\":12,\"pid\":" + pid + ",\"time\":" + time + ",\"command\":\"";
-  const std::string message = "\",\"message\":\"app," + path + "\"}\n";
-  const std::string first = event + "Z=copy_systrace_to_cache+quorvel+app" + message;
-  EXPECT_EQ(Journal(), first);
-  const std::string marker = "B|" + pid + "|quorvel_event_sync :pid=" + pid + " currTime=" + time +
-                             " module=app\nE|" + pid + "\n";
-  EXPECT_EQ(ReadFile(trace), marker);
-  EXPECT_EQ(Logged().back(), no_exit_);
+  Respond(QUORVEL_FLAG_LOG);
+  EXPECT_TRUE(called);
+  EXPECT_EQ(log_.Lines().back(), "E/QUORVEL: not set recovery flag of quorvel");
+}
 
-  SetProperty("debug.atrace.tags.enableflags", "0x7ff");
-  callback_ = nullptr;
+TEST_F(Incident, HasKernelStacksThenUserStacksAfterTheHeader) {
+  std::string header;
+  callback_ = [&] {
+    header = ReadFile(path_);
+    QuorvelPrintLine("said by the callback");  // which no flush comes for
+  };
+  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
+  const std::string text = ReadFile(path_);
+  EXPECT_THAT(text, StartsWith(header + "\nkernel stack tid = " + tid_));
+  EXPECT_THAT(text.substr(header.size()), HasSubstr("\n\ntid = " + tid_));
+  EXPECT_THAT(text, Not(HasSubstr("said by the callback")));
+}
+
+TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
+  Respond(QUORVEL_FLAG_LOG);
+  const std::string text = ReadFile(path_);
   Respond(0);
   EXPECT_TRUE(log_.Has("timeout function: ") && !log_.Has("stack"));
-  EXPECT_EQ(Journal(), first + event + message);
-  EXPECT_EQ(ReadFile(trace) + ReadFile(path), marker + text);
+  const std::string event = Event("", "app," + path_);  // the file that was opened last
+  EXPECT_EQ(Journal(), event + event);
+  EXPECT_EQ(ReadFile(path_), text);
+}
+
+TEST_F(Incident, AsksForTheSystemsTraceOnlyUnderItsFlag) {
+  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_SYSTRACE);
+  EXPECT_EQ(Journal(), Event("Z=copy_systrace_to_cache+quorvel+app", "app," + path_));
+}
+
+// Runs itself: no test in this process may have opened a file.
+TEST_F(Incident, InAProcessThatNeverHadAFileIsReportedWithoutOne) {
+  if (getenv("QUORVEL_TEST_CLIENT") != nullptr) {
+    Respond(0);
+    _exit(Journal() == Event("", "app") ? 0 : 1);
+  }
+  const std::string self = "/proc/" + std::to_string(getpid()) + "/exe";
+  EXPECT_EQ(system(("QUORVEL_TEST_CLIENT=1 " + self + " --gtest_filter=*.InAProcess*").c_str()), 0);
+}
+
+TEST_F(Incident, ClosesItsFileAndNoOther) {
+  int fd = -1;
+  callback_ = [&] { fd = QuorvelGetLogFd(); };
+  Respond(QUORVEL_FLAG_LOG);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+  EXPECT_EQ(QuorvelGetLogFd(), -1);
+  ASSERT_EQ(open("/dev/null", O_RDONLY | O_CLOEXEC), fd);  // its number is another's now
+  QuorvelEndLog();
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(Incident, LeavesOneSectionInTheTrace) {
+  Respond(0);
+  const std::string pid = std::to_string(getpid());
+  EXPECT_EQ(ReadFile(trace_), "B|" + pid + "|quorvel_event_sync :pid=" + pid + " currTime=" +
+                                  std::to_string(now_) + " module=app\nE|" + pid + "\n");
+}
+
+TEST_F(Incident, LeavesNothingInATraceWithoutItsTag) {
+  SetProperty("debug.atrace.tags.enableflags", "0x7ff");
+  Respond(0);
+  EXPECT_EQ(ReadFile(trace_), "");
+  EXPECT_NE(Journal(), "");
+}
+
+TEST_F(Incident, IsReportedOnlyIfTheConfigurationBeginsWithOne) {
+  for (const char* config : {"01", "0", " 1"}) {
+    SetProperty("dravik.event.12.config", config);
+    QuorvelEndLog();
+  }
+  EXPECT_EQ(log_.Lines(), Texts{});
+  SetProperty("dravik.event.12.config", "");
+  QuorvelEndLog();
+  EXPECT_EQ(log_.Lines(), Texts{"E/QUORVEL: get dravik config fail, skip...\n"});
+  EXPECT_EQ(Journal(), "");
+  SetProperty("dravik.event.12.config", "10");
+  QuorvelEndLog();
+  EXPECT_NE(Journal(), "");
+}
+
+TEST_F(Incident, HeaderHasItsLinesInOrderAndLocalTime) {
+  const ScopedZone zone("QVT-5:30");
+  fakes.time = [] { return kNow; };
+  SetProperty("ro.build.fingerprint", "the whole of it");
+  QuorvelInsertLogTitle(42, "100% of %s", kNow - 9);
+  EXPECT_EQ(log_.Lines(),
+            Texts({"W/QUORVEL: Sun Nov 16 23:21:20 2025\n", "W/QUORVEL: timeout tid: 42\n",
+                   "W/QUORVEL: timeout function: 100% of %s\n",
+                   "W/QUORVEL: time start: Sun Nov 16 23:21:11 2025\n",
+                   "W/QUORVEL: Build fingerprint: the whole of it\n", "W/QUORVEL: >>> app <<<\n"}));
+}
+
+TEST_F(Incident, HeaderLeavesOutWhatItHasNoTextFor) {
+  QuorvelInsertLogTitle(42, nullptr, 1l << 62);
+  const Texts lines = log_.Lines("W/QUORVEL: ");
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[1], "timeout tid: 42\n");
+  EXPECT_EQ(lines[2], "time start: ");
+}
+
+TEST_F(Incident, FingerprintIsMadeOfItsPartsInOrder) {
+  const char* const parts[] = {"ro.product.brand",  "ro.product.name",
+                               "ro.product.device", "ro.build.version.release",
+                               "ro.build.id",       "ro.build.version.incremental",
+                               "ro.build.type",     "ro.build.tags"};
+  EXPECT_EQ(Fingerprint(), "unknown/unknown/unknown:unknown/unknown/unknown:unknown/unknown\n");
+  for (const char* part : parts) SetProperty(part, strrchr(part, '.'));
+  EXPECT_EQ(Fingerprint(), ".brand/.name/.device:.release/.id/.incremental:.type/.tags\n");
+}
+
+TEST_F(Incident, WithoutAProgramsNameHasItsPathAndNoEvent) {
+  program_ = nullptr;
+  Respond(0);
+  const std::string path = std::filesystem::read_symlink("/proc/self/exe");
+  EXPECT_TRUE(log_.Has("E/QUORVEL: QuorvelInsertLogTitle get_watched_process_info fail\n"));
+  EXPECT_TRUE(log_.Has("W/QUORVEL: >>> exe:" + path + " <<<\n"));
+  EXPECT_TRUE(log_.Has("E/QUORVEL: get progname is nullptr\n"));
+  EXPECT_EQ(Journal(), "");
 }
 
 // In a process of its own, as it uses the count up.
-TEST_F(Incident, TheRateLimitsCountOutlivesEveryPeriod) {
+TEST_F(Incident, IsDroppedOnceTheRateLimitsCountIsSpentWhichNoPeriodRestores) {
   const auto run = [&] {
     bool called = false;
     callback_ = [&] { called = true; };
     const auto respond = [&](uint32_t flags) {
       called = false;
       Respond(flags);
-      const std::string last = Logged().back();
-      const bool dropped = last == "Too many callback triggerd in a short time! \n";
-      fputs(dropped && !called ? "-" : called && last == no_exit_ ? "+" : "?", stderr);
+      const std::string last = log_.Lines().back();
+      const bool dropped = last == "E/QUORVEL: Too many callback triggerd in a short time! \n";
+      const bool whole = called && last == "E/QUORVEL: not set recovery flag of quorvel";
+      fputs(dropped && !called ? "-" : whole ? "+" : "?", stderr);
     };
     for (const uint32_t flags : {1u, 2u, 3u, 0u, 8u, 1u, 1u, 2u, 1u}) respond(flags);
     for (const time_t seconds : {60, 1, 60, 1, 60}) {
       now_ += seconds;
-      respond(kLog);
+      respond(QUORVEL_FLAG_LOG);
     }
     _exit(0);
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), testing::Eq("++++++++--+-+-"));
-}
-
-TEST_F(Incident, WithoutNamesItFallsBackAndHasNoEvent) {
-  setenv("TZ", "QVT-5:30", 1);
-  tzset();
-  SetProperty("ro.product.brand", "brand");
-  SetProperty("ro.build.tags", "tags");
-  fakes.time = [] { return time_t{1763315480}; };
-  program_ = nullptr;
-  QuorvelInsertLogTitle(42, nullptr, 1l << 62);  // a time that has no text
-  for (const char* config : {"", "01", "10"}) {
-    SetProperty("dravik.event.12.config", config);
-    QuorvelEndLog();
-  }
-  EXPECT_EQ(Logged(),
-            Texts({"Sun Nov 16 23:21:20 2025\n", "timeout tid: 42\n", "time start: ",
-                   "Build fingerprint: "
-                   "brand/unknown/unknown:unknown/unknown/unknown:unknown/tags\n",
-                   "QuorvelInsertLogTitle get_watched_process_info fail\n",
-                   ">>> exe:" + std::filesystem::read_symlink("/proc/self/exe").string() + " <<<\n",
-                   "get dravik config fail, skip...\n", "get progname is nullptr\n"}));
-}
-
-TEST_F(Incident, ALineIsKeptWholeOrNotAtAll) {
-  QuorvelInitLog(kLog, false);
-  const auto x = [](size_t count) { return std::string(count, 'x'); };
-  const struct {
-    size_t before, length, after;  // characters in the buffer, of the line, in the buffer then
-    Texts messages;
-  } cases[] = {{0, 1, 0, {}},
-               {0, 2, 3, {"xx"}},
-               {0, 1022, 1023, {x(1022)}},
-               {0, 1023, 0, {}},
-               {0, 1024, 0, {"QuorvelPrintLine: cannot vsnprintf 7\n"}},
-               {4000, 95, 4000, {x(95), "log too long, drop '" + x(95) + "\n'"}},
-               {4000, 94, 4095, {x(94)}}};
-  for (const auto& c : cases) {
-    QuorvelBeginLog(kLog);
-    while (QuorvelLogLength() < c.before) QuorvelAppendLog("fffff", 5);
-    errno = 7;
-    QuorvelPrintLine("%s", x(c.length).c_str());
-    EXPECT_EQ(errno, 7);
-    EXPECT_EQ(QuorvelLogLength(), c.after) << c.length;
-    EXPECT_EQ(Logged(), c.messages);
-  }
-  QuorvelBeginLog(kLog);
-  EXPECT_EQ(std::string(QuorvelLogText(), kLogBufferSize), std::string(kLogBufferSize, '\0'));
-  QuorvelPrintLine("one");
-  QuorvelPrintLine("two\n");
-  QuorvelFlushLog();
-  EXPECT_EQ(ReadFile(QuorvelLastLogPath()), "one\ntwo\n");
-  QuorvelBeginLog(QUORVEL_FLAG_BACKTRACE);
-  QuorvelPrintLine("without the flag");
-  EXPECT_EQ(QuorvelLogLength(), 0u);
 }
 
 }  // namespace

@@ -1,0 +1,175 @@
+// The log file of an incident: its directory, lock, name and mode, and the clean-up before it.
+
+#include "log/log_file.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <quorvel/quorvel.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "log/quorvel_log.h"
+#include "support/fakes.h"
+#include "support/log_capture.h"
+#include "support/test_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test_root::kLogDir;
+using test_root::kVendorLogDir;
+using testing::ElementsAre;
+using Texts = std::vector<std::string>;
+
+constexpr int kLog = QUORVEL_FLAG_LOG;
+
+// Time stands still; pauses are recorded, and what a test wants happens in them.
+class LogFile : public testing::Test {
+ protected:
+  LogFile() {
+    for (const char* dir : {kLogDir, kVendorLogDir}) test_root::MakeEmptyDir(dir);
+    fakes.gettimeofday = [this] { return now_; };
+    fakes.usleep = [this](useconds_t micros) {
+      pauses_.push_back(micros);
+      if (in_pause_) in_pause_();
+      return 0;
+    };
+  }
+  ~LogFile() override { Close(); }
+
+  // Begins an incident; its file's name, empty without one.
+  std::string Begin(int flags = kLog, bool is_vendor = false) {
+    Close();
+    pauses_.clear();
+    QuorvelInitLog(flags, is_vendor);
+    if (QuorvelGetLogFd() < 0) return "";
+    const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(QuorvelGetLogFd()));
+    EXPECT_EQ(path, fs::canonical(QuorvelLastLogPath()));
+    return path.substr(path.rfind('/') + 1);
+  }
+  static void Close() {
+    close(QuorvelGetLogFd());
+    QuorvelSetLogFd(-1);
+  }
+  static void Touch(const std::string& name) { test_root::WriteFile(Path(name), ""); }
+  static std::string Path(const std::string& name) { return test_root::Path(kLogDir + name); }
+
+  timeval now_ = {1763315480, 7250};
+  std::vector<useconds_t> pauses_;
+  std::function<void()> in_pause_;
+  const std::string name_ = "quorvel@1763315480007.log";
+  ScopedFakes restore_;
+  LogCapture log_;
+};
+
+TEST_F(LogFile, OnlyTheLogFlagOpensOne) {
+  test_root::RemoveTree(kLogDir);  // of which nothing is said, as nobody looks
+  for (const int flags : {0, 2, 4, 8, ~kLog}) {
+    EXPECT_EQ(Begin(flags), "");
+    EXPECT_EQ(QuorvelGetLogFlags(), flags);
+  }
+  EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+TEST_F(LogFile, AVendorProgramsLiesInTheVendorsDirectory) {
+  Begin(kLog, true);
+  EXPECT_EQ(test_root::List(kVendorLogDir), Texts{name_});
+  EXPECT_EQ(test_root::List(kLogDir), Texts{});
+}
+
+TEST_F(LogFile, ItsNameHasThreeDigitsOfMilliseconds) {
+  EXPECT_EQ(Begin(), "quorvel@1763315480007.log");
+  now_.tv_usec = 999;
+  EXPECT_EQ(Begin(), "quorvel@1763315480000.log");
+  now_.tv_usec = 999999;
+  EXPECT_EQ(Begin(), "quorvel@1763315480999.log");
+}
+
+TEST_F(LogFile, OthersMayReadItWhateverTheUmaskButNoProgramInheritsIt) {
+  const mode_t old_mask = umask(077);
+  Begin();
+  umask(old_mask);
+  EXPECT_EQ(fs::status(QuorvelLastLogPath()).permissions(), fs::perms(0644));
+  EXPECT_EQ(fcntl(QuorvelGetLogFd(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(LogFile, NineOthersStay) {
+  for (int i = 1; i <= 9; ++i) Touch(std::to_string(i));
+  Begin();
+  EXPECT_EQ(test_root::List(kLogDir).size(), 10u);
+  EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+TEST_F(LogFile, OfMoreTheLowestNamesGoUntilNineAreLeft) {
+  for (int i = 10; i <= 21; ++i) Touch(std::to_string(i));
+  Begin();
+  EXPECT_EQ(test_root::List(kLogDir),
+            Texts({"13", "14", "15", "16", "17", "18", "19", "20", "21", name_}));
+  EXPECT_THAT(log_.Lines(), ElementsAre("I/QUORVEL: delete 10\n", "I/QUORVEL: delete 11\n",
+                                        "I/QUORVEL: delete 12\n"));
+}
+
+TEST_F(LogFile, HiddenFilesDirectoriesAndLinksNeitherCountNorGo) {
+  for (int i = 1; i <= 9; ++i) Touch(std::to_string(i));
+  for (const char* hidden : {".a", ".b"}) Touch(hidden);
+  fs::create_directory(Path("0_directory"));
+  fs::create_symlink("1", Path("0_link"));
+  Begin();
+  EXPECT_EQ(test_root::List(kLogDir).size(), 14u);
+  EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+TEST_F(LogFile, TheLockIsHeldWhileTheNameIsDrawnAndGoneAfterwards) {
+  for (int i = 10; i <= 21; ++i) Touch(std::to_string(i));  // the clean-up is no reason to lose it
+  mode_t mode = 0;
+  fakes.gettimeofday = [&] {
+    struct stat st = {};
+    EXPECT_EQ(stat(Path(".lock").c_str(), &st), 0);
+    mode = st.st_mode & 07777;
+    return now_;
+  };
+  const mode_t old_mask = umask(0);
+  Begin();
+  umask(old_mask);
+  EXPECT_EQ(mode, 0600u);
+  EXPECT_FALSE(fs::exists(Path(".lock")));
+  EXPECT_EQ(pauses_.size(), 0u);
+}
+
+TEST_F(LogFile, ALockThatStaysIsRemovedAtTheFifthTest) {
+  Touch(".lock");
+  EXPECT_EQ(Begin(), name_);
+  EXPECT_THAT(pauses_, ElementsAre(5000, 5000, 5000, 5000));
+  EXPECT_FALSE(fs::exists(Path(".lock")));
+}
+
+TEST_F(LogFile, ALockThatGoesIsWaitedForNoLonger) {
+  for (const size_t pauses : {1u, 2u, 3u, 4u}) {
+    Touch(".lock");
+    in_pause_ = [&] { pauses_.size() == pauses&& fs::remove(Path(".lock")); };
+    now_.tv_sec += 1;
+    EXPECT_NE(Begin(), "");
+    EXPECT_EQ(pauses_.size(), pauses);
+  }
+}
+
+TEST_F(LogFile, ATakenNameIsDrawnAnew) {
+  test_root::WriteFile(Path(name_), "of another process");
+  in_pause_ = [this] { now_.tv_usec += 5000; };
+  EXPECT_EQ(Begin(), "quorvel@1763315480012.log");
+  EXPECT_THAT(pauses_, ElementsAre(5000));
+  EXPECT_EQ(test_root::ReadFile(Path(name_)), "of another process");
+}
+
+TEST_F(LogFile, FourTakenNamesEndTheSearchWithoutAWord) {
+  Begin();
+  const std::string last = QuorvelLastLogPath();
+  EXPECT_EQ(Begin(), "");
+  EXPECT_EQ(pauses_.size(), 4u);
+  EXPECT_EQ(QuorvelLastLogPath(), last);
+  EXPECT_EQ(test_root::List(kLogDir), Texts{name_});
+  EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+}  // namespace
