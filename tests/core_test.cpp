@@ -1,12 +1,11 @@
-// The watch calls, the monitor and its ticks, the sleep, the recovery limit.
+// The watch calls and the monitor's ticks, which the test steps itself; the sleep; the recovery
+// limit.
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
+#include <limits.h>
+#include <quorvel/quorvel.h>
 #include <unistd.h>
-#include <quorvel/watch.hpp>
 
-#include <atomic>
-#include <climits>
 #include <thread>
 
 #include "core/monitor_thread.h"
@@ -19,145 +18,222 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ExitedWithCode;
+using testing::IsEmpty;
 
 constexpr time_t kNow = 1763315480;
+constexpr uint32_t kFlags = 0xf0;  // none that has an effect
 
-uint32_t Start(int32_t timeout, std::function<void()>* function = nullptr) {
-  const QuorvelCallback call = [](void* arg) { (*static_cast<std::function<void()>*>(arg))(); };
-  return __quorvel_start_ex("n", timeout, function != nullptr ? call : nullptr, function, 0xf0);
-}
-
-void StartAnewInChild() {
-  alarm(20);
-  LogCapture log;
-  fakes.pthread_create = [](void* (*)(void*)) { return EAGAIN; };
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    EXPECT_EQ(Start(10), QUORVEL_INVALID_ID);
-    EXPECT_EQ(quorvel_update(0, 10), QUORVEL_INVALID_ID);
-    quorvel_end(0);
-    if (attempt == 0) quorvel_init();
-  }
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("E/QUORVEL: pthread_create return fail, QuorvelManagerInit\n"));
-  fakes.pthread_create = [](void* (*body)(void*)) { return body == QuorvelThreadHandle ? 0 : 1; };
-  quorvel_init();
-  const uint32_t id = QuorvelStartedCount() << 9;
-  EXPECT_EQ(Start(1), id);
-  EXPECT_EQ(QuorvelStartedCount() - QuorvelEndedCount(), 1u);
-  _exit(testing::Test::HasFailure());
-}
-
-// Comes first: the first lock is that of the first init of all. A start that counted after it
-// looked for a waiting monitor could be lost to it.
-TEST(CoreTest, AStartCountsBeforeTheWakeUpAndAForkMayComeWhicheverLockIsHeld) {
-  if (Start(60) != QUORVEL_INVALID_ID) GTEST_SKIP() << "not the first init of all";
-  const ScopedFakes restore;
-  std::atomic<int> held{0}, allowed{0};
-  const auto hold = [&] {
-    const int lock = ++held;
-    while (allowed < lock) std::this_thread::yield();
-  };
-  uint32_t armed_at_wake_up = 0;
-  fakes.pthread_create = [&](void* (*)(void*)) { return hold(), 0; };  // under the init lock
-  fakes.wake_monitor = [&] { armed_at_wake_up = QuorvelStartedCount() - QuorvelEndedCount(); };
-  std::thread other([&] {
-    quorvel_init();
-    for (QuorvelMutex* lock : {&g_registry.lock, &g_wake_up.lock}) {
-      const QuorvelMutexLock guard(lock);
-      hold();
-    }
-    quorvel_end(Start(60));
-  });
-  for (int lock = 1; lock <= 3; ++lock) {
-    while (held < lock) std::this_thread::yield();
-    const pid_t child = fork();
-    if (child == 0) StartAnewInChild();
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << lock;
-    allowed = lock;
-  }
-  other.join();
-  EXPECT_EQ(armed_at_wake_up, 1u);
-}
-
+// No thread is made. Nothing is armed at first, the cursor is at slot 0.
 class Core : public testing::Test {
  protected:
-  Core() { ArmWithoutMonitor(); }
-
-  // No thread is made: the test steps the ticks. Nothing is armed, the cursor is at slot 0.
-  void ArmWithoutMonitor() {
-    fakes.pthread_create = [](void* (*)(void*)) { return 0; };
+  Core() {
+    fakes.pthread_create = [this](void* (*)(void*)) { return ++threads_made_, 0; };
     quorvel_init();
     for (int32_t slot = 0; slot < kWheelSlots; ++slot) QuorvelCollectExpired(&monitor_);
     QuorvelBuildRegistry();
+    threads_made_ = 0;
+    log_.Clear();
   }
+
+  using Callback = std::function<void()>;
+  static uint32_t Start(int32_t timeout, Callback* callback = nullptr) {
+    const QuorvelCallback call = [](void* arg) { (*static_cast<Callback*>(arg))(); };
+    return __quorvel_start_ex("n", timeout, callback != nullptr ? call : nullptr, callback, kFlags);
+  }
+  static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
+  static uint32_t IndexOf(uint32_t id) { return id % 512; }
+  static std::string ReleasedAlready(uint32_t id) {
+    char text[80];
+    snprintf(text, sizeof(text), "E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", id);
+    return text;
+  }
+
   void Pass() { QuorvelMonitorPass(&monitor_); }
+  // The number of the tick, from 1 on, in which the next watch fires; 0 if none does in one turn.
+  int TicksUntilOneFires() {
+    for (int tick = 1; tick <= kWheelSlots; ++tick) {
+      if (Pass(), monitor_.count > 0) return tick;
+    }
+    return 0;
+  }
 
   QuorvelMonitor monitor_;
+  int threads_made_ = 0;
   std::string trace_;
   ScopedFakes restore_;
   LogCapture log_;
 };
 
-TEST_F(Core, AWatchFiresAfterItsTimeoutOrThatOfItsLastUpdate) {
-  for (const int32_t timeout : {INT_MIN, 0, 61}) EXPECT_EQ(Start(timeout), QUORVEL_INVALID_ID);
+TEST_F(Core, AWatchFiresBetweenItsTimeoutAndASecondMore) {
+  for (const int32_t timeout : {1, 2, 59, 60}) {
+    Start(timeout);
+    EXPECT_EQ(TicksUntilOneFires(), timeout + 1);
+    EXPECT_EQ(Armed(), 0u);
+  }
+}
+
+TEST_F(Core, AStartOutsideOneToSixtySecondsIsRefusedSilently) {
+  for (const int32_t timeout : {INT_MIN, -1, 0, 61, INT_MAX}) {
+    EXPECT_EQ(Start(timeout), QUORVEL_INVALID_ID) << timeout;
+  }
+  EXPECT_EQ(Armed(), 0u);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(Core, AnUpdateCountsFromNowAndWrapsAroundTheWheel) {
   const struct {
-    int32_t start, update;
-    bool refused;
-    int ticks;  // from then to the one in which it fires
-  } cases[] = {{1, -1, true, 0},    {60, INT_MIN, true, 59},      {30, INT_MAX, true, 29},
-               {30, 63, false, 63}, {30, INT_MAX - 1, false, 62}, {30, 70, false, 6}};
+    int32_t timeout;
+    int ticks;
+  } cases[] = {{0, 1}, {1, 2}, {60, 61}, {63, 64}, {64, 1}, {70, 7}, {INT_MAX - 5, 59}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.update);
-    ArmWithoutMonitor();
-    const uint32_t ended = QuorvelEndedCount(), id = Start(c.start);
-    Pass();
-    EXPECT_EQ(quorvel_update(id, c.update), c.refused ? QUORVEL_INVALID_ID : id);
-    int ticks = 0;
-    for (; Pass(), QuorvelEndedCount() == ended; ++ticks) ASSERT_LT(ticks, 64);
-    EXPECT_EQ(ticks, c.ticks);
+    SCOPED_TRACE(c.timeout);
+    QuorvelBuildRegistry();
+    const uint32_t id = Start(30);
+    for (int i = 0; i < 5; ++i) Pass();
+    EXPECT_EQ(quorvel_update(id, c.timeout), id);
+    EXPECT_EQ(TicksUntilOneFires(), c.ticks);
   }
 }
 
-TEST_F(Core, A128WatchesAreArmedAtOnceAndNodesAreUsedInTurn) {
-  const uint32_t first = QuorvelStartedCount() << 9;
-  for (uint32_t i = 0; i < 128; ++i) ASSERT_EQ(Start(1), first + i * 513);
-  EXPECT_EQ(Start(1), QUORVEL_INVALID_ID);
-  for (const uint32_t id : {first + 5 * 513, first, first, 0xfe80u}) quorvel_end(id);
-  char late[80];
-  snprintf(late, sizeof(late), "E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", first);
-  EXPECT_THAT(log_.Lines(), ElementsAre("E/QUORVEL: No free quorvel node\n", late,
-                                        "E/QUORVEL: quorvel_end: not valid id 0xfe80\n"));
-  EXPECT_EQ(Start(60) % 512, 5u);
-  {
-    quorvel::Watch watch("n", std::chrono::seconds(60)), moved(std::move(watch));
-    EXPECT_TRUE(!watch.Update(std::chrono::seconds(1)) && moved.Update(std::chrono::seconds(1)) &&
-                moved.id() % 512 == 0);
-    watch = std::move(moved);
+TEST_F(Core, ARefusedUpdateLeavesTheWatchAsItWas) {
+  const uint32_t id = Start(30);
+  Pass();  // the cursor is at 1 now: one more than INT_MAX does not fit
+  for (const int32_t timeout : {-1, INT_MIN, INT_MAX}) {
+    EXPECT_EQ(quorvel_update(id, timeout), QUORVEL_INVALID_ID) << timeout;
   }
-  EXPECT_EQ(QuorvelStartedCount() - QuorvelEndedCount(), 127u);
+  EXPECT_EQ(TicksUntilOneFires(), 30);
+  EXPECT_FALSE(log_.Has("id 0x"));
 }
 
-TEST_F(Core, CallbacksRunInLinkOrderAndMayUseTheWatchCalls) {
+TEST_F(Core, AnOldIdNeitherMovesNorEndsTheWatchThatHasItsNode) {
+  const uint32_t old = Start(30);
+  quorvel_end(old);
+  for (int i = 1; i < kPoolSize; ++i) quorvel_end(Start(30));
+  const uint32_t id = Start(30);
+  ASSERT_TRUE(IndexOf(id) == IndexOf(old) && id != old);
+  EXPECT_EQ(quorvel_update(old, 5), QUORVEL_INVALID_ID);
+  quorvel_end(old);
+  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(old)));
+  EXPECT_EQ(TicksUntilOneFires(), 31);
+}
+
+TEST_F(Core, AnIdOutsideThePoolIsRefused) {
+  Start(60);
+  for (const uint32_t id : {0xfe80u, 0x80u, 0x1ffu, QUORVEL_INVALID_ID}) {
+    EXPECT_EQ(quorvel_update(id, 5), QUORVEL_INVALID_ID);
+    quorvel_end(id);
+  }
+  EXPECT_THAT(log_.Lines("E/QUORVEL: quorvel_end: not valid id 0x"),
+              ElementsAre("fe80\n", "80\n", "1ff\n", "ffffffff\n"));
+  EXPECT_EQ(Armed(), 1u);
+}
+
+TEST_F(Core, AnEndedWatchIsGoneAtOnceAndEndedOnce) {
+  const uint32_t id = Start(1);
+  quorvel_end(id);
+  EXPECT_EQ(Armed(), 0u);
+  EXPECT_EQ(quorvel_update(id, 1), QUORVEL_INVALID_ID);
+  quorvel_end(id);
+  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(id)));
+  EXPECT_EQ(Armed(), 0u);
+  EXPECT_EQ(TicksUntilOneFires(), 0);
+}
+
+TEST_F(Core, AnIdIsMadeOfTheNodeAndTheStartsBeforeIt) {
+  for (const uint32_t started : {0u, 1u, 0x7fffffu, 0xffffffffu}) {
+    QuorvelBuildRegistry();
+    g_registry.started = g_registry.ended = started;
+    EXPECT_EQ(Start(60), started << 9);
+    EXPECT_EQ(Start(60), ((started + 1) << 9) + 1);
+  }
+}
+
+TEST_F(Core, A129thWatchIsRefused) {
+  for (int i = 0; i < 128; ++i) ASSERT_NE(Start(60), QUORVEL_INVALID_ID);
+  EXPECT_EQ(Start(60), QUORVEL_INVALID_ID);
+  EXPECT_THAT(log_.Lines(), ElementsAre("E/QUORVEL: No free quorvel node\n"));
+  EXPECT_EQ(Armed(), 128u);
+}
+
+TEST_F(Core, NodesAreReusedInTheOrderInWhichTheyWereFreed) {
+  std::vector<uint32_t> ids;
+  for (int i = 0; i < 128; ++i) ids.push_back(Start(i == 7 ? 1 : 60));
+  quorvel_end(ids[5]);
+  quorvel_end(ids[3]);
+  EXPECT_EQ(TicksUntilOneFires(), 2);  // node 7
+  for (const uint32_t node : {5u, 3u, 7u}) EXPECT_EQ(IndexOf(Start(60)), node);
+}
+
+TEST_F(Core, TheRecordIsOfTheStartCallAndItsThread) {
   fakes.time = [] { return kNow; };
-  uint32_t moved = 0;
-  std::function<void()> on_chained = [&] { trace_ += "chained "; };
-  std::function<void()> on_moved = [&] { trace_ += "moved "; };
-  std::function<void()> on_first = [&] {
-    trace_ += "first ";
-    quorvel_end(moved);  // of the same tick: its callback is still to come
-    Start(1, &on_chained);
+  int tid = 0;
+  uint32_t id = 0;
+  Callback callback = [] {};
+  std::thread([&] { tid = gettid(), id = Start(9, &callback); }).join();
+  fakes.time = [] { return kNow + 4; };
+  quorvel_update(id, 1);
+  TicksUntilOneFires();
+  const QuorvelTimeoutInfo& info = monitor_.batch[0];
+  EXPECT_EQ(info.id, id);
+  EXPECT_EQ(info.tid, tid);
+  EXPECT_EQ(info.start, kNow);
+  EXPECT_STREQ(info.name, "n");
+  EXPECT_EQ(info.flags, kFlags);
+  EXPECT_EQ(info.arg, &callback);
+}
+
+TEST_F(Core, CallbacksRunInTheOrderInWhichTheirWatchesWereLinked) {
+  Callback first = [&] { trace_ += "first "; };
+  Callback second = [&] { trace_ += "second "; };
+  Callback moved = [&] { trace_ += "moved "; };
+  const uint32_t id = Start(5, &moved);
+  Start(1, &first);
+  Start(1, &second);
+  quorvel_update(id, 1);
+  TicksUntilOneFires();
+  EXPECT_EQ(trace_, "first second moved ");
+}
+
+TEST_F(Core, ACollectedWatchCannotBeMovedOrEndedAnyMore) {
+  uint32_t own = 0, next = 0;
+  Callback on_next = [&] { trace_ += "next "; };
+  Callback on_own = [&] {
+    for (const uint32_t id : {own, next}) {
+      EXPECT_EQ(quorvel_update(id, 9), QUORVEL_INVALID_ID);
+      quorvel_end(id);
+    }
   };
-  moved = Start(5, &on_moved);
+  own = Start(1, &on_own);
+  next = Start(1, &on_next);
+  TicksUntilOneFires();
+  EXPECT_EQ(trace_, "next ");
+  EXPECT_TRUE(log_.Has(ReleasedAlready(own)) && log_.Has(ReleasedAlready(next)));
+  EXPECT_EQ(Armed(), 0u);
+}
+
+TEST_F(Core, ACallbackMayStartWatches) {
+  Callback on_chained = [&] { trace_ += "chained"; };
+  Callback on_first = [&] { Start(1, &on_chained); };
   Start(1, &on_first);
-  fakes.time = [] { return kNow + 1; };
-  quorvel_update(moved, 1);
-  for (int i = 0; i < 2; ++i) Pass();
-  const QuorvelTimeoutInfo& info = monitor_.batch[1];
-  EXPECT_TRUE(info.tid == gettid() && info.start == kNow && info.flags == 0xf0);
-  for (int i = 0; i < 2; ++i) Pass();
-  EXPECT_EQ(trace_, "first moved chained ");
+  EXPECT_EQ(TicksUntilOneFires(), 2);
+  EXPECT_EQ(TicksUntilOneFires(), 2);
+  EXPECT_EQ(trace_, "chained");
+}
+
+TEST_F(Core, ASecondInitLeavesTheMonitorAndTheWatches) {
+  const uint32_t id = Start(5);
+  Pass();
+  quorvel_init();
+  EXPECT_EQ(threads_made_, 0);
+  EXPECT_EQ(quorvel_update(id, 5), id);
+  EXPECT_EQ(TicksUntilOneFires(), 6);
+}
+
+TEST_F(Core, AStartCountsBeforeItLooksForAWaitingMonitor) {
+  uint32_t armed_then = 0;
+  fakes.wake_monitor = [&] { armed_then = Armed(); };
+  Start(60);
+  EXPECT_EQ(armed_then, 1u);
 }
 
 TEST_F(Core, AStartAfterTheLastTickKeepsTheMonitorFromWaiting) {
@@ -166,94 +242,148 @@ TEST_F(Core, AStartAfterTheLastTickKeepsTheMonitorFromWaiting) {
   QuorvelWaitForStart(&monitor_);  // or for ever
 }
 
-// The thread itself, in a process of its own, as it never ends.
-TEST_F(Core, TheMonitorSleepsOnceATickAndWaitsAfterThreeQuietOnes) {
-  const auto run = [&] {
-    alarm(20);
-    std::atomic<int> entered{0}, allowed{8};
-    fakes.sleep = [&](unsigned seconds) {
-      char name[16];
-      pthread_getname_np(pthread_self(), name, sizeof(name));
-      trace_ += name + std::to_string(seconds) + " ";
-      const int call = ++entered;
-      while (allowed < call) std::this_thread::yield();
-      return call <= 2 ? 1u : 0u;  // both of the first tick are cut short
-    };
-    std::function<void()> callback = [&] {
-      sigset_t mask;
-      pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-      trace_ += sigismember(&mask, SIGXFSZ) == 1 ? "fires " : "could die of a limit ";
-    };
-    quorvel_init();
-    Start(4, &callback);
-    std::thread(QuorvelThreadHandle, nullptr).detach();
-    while (entered < 8) std::this_thread::yield();
-    usleep(100000);
-    if (entered == 8) trace_ += "waits ";
-    Start(1, &callback);
-    allowed = 10;
-    while (entered < 11) std::this_thread::yield();
-    fputs(trace_.c_str(), stderr);
-    _exit(0);
+TEST_F(Core, TheMonitorIsQuietOnlyWithoutStartsAndArmedWatches) {
+  const auto ticks_until_it_waits = [&] {
+    int ticks = 1;
+    while (ticks < 9 && !QuorvelCountIdleTick(&monitor_)) ++ticks;
+    return ticks;
   };
-  EXPECT_EXIT(run(), ExitedWithCode(0),
-              testing::Eq("quorvel1 quorvel1 quorvel1 quorvel1 quorvel1 quorvel1 fires "
-                          "quorvel1 quorvel1 waits quorvel1 quorvel1 fires quorvel1 "));
+  ticks_until_it_waits();
+  quorvel_end(Start(60));
+  EXPECT_EQ(ticks_until_it_waits(), 4);
+  const uint32_t id = Start(60);
+  EXPECT_EQ(ticks_until_it_waits(), 9);
+  quorvel_end(id);
+  EXPECT_EQ(ticks_until_it_waits(), 3);
 }
 
-TEST_F(Core, ASleepGoesByTheBootTimeClockInChunksOfLessThanTenSeconds) {
-  const struct {
-    unsigned long seconds;
-    std::vector<timespec> readings;  // of the clock, one a call
-    std::vector<useconds_t> chunks;
-  } cases[] = {{0, {{5, 7}, {5, 7}}, {}},
-               {10, {{5, 0}, {5, 1000}, {14, 900000001}}, {9999999}},
-               // Interrupted, close to its end, suspended beyond it.
-               {25,
-                {{5, 0}, {5, 1000}, {9, 250000000}, {29, 900000000}, {35, 0}},
-                {4999999, 750000, 100000}},
-               {ULONG_MAX, {{77, 5}, {77, 6}, {LONG_MAX, 6}}, {9999999}}};
-  for (const auto& c : cases) {
+// The readings of the boot-time clock, one a call, and the chunks that are slept.
+class CoreSleep : public Core {
+ protected:
+  using Chunks = std::vector<useconds_t>;
+  Chunks Sleep(unsigned long seconds, std::vector<timespec> readings) {
     size_t reading = 0;
-    std::vector<useconds_t> chunks;
+    Chunks chunks;
     fakes.clock_gettime = [&](clockid_t clock, timespec* now) {
-      *now = clock == CLOCK_BOOTTIME ? c.readings.at(reading++) : timespec();
+      *now = clock == CLOCK_BOOTTIME ? readings.at(reading++) : timespec();
       return 0;
     };
     fakes.usleep = [&](useconds_t micros) { return chunks.push_back(micros), 0; };
-    quorvel_clock_sleep(c.seconds);
-    EXPECT_EQ(chunks, c.chunks) << c.seconds;
-    EXPECT_EQ(reading, c.readings.size()) << c.seconds;
+    quorvel_clock_sleep(seconds);
+    EXPECT_EQ(reading, readings.size());
+    return chunks;
+  }
+};
+
+TEST_F(CoreSleep, ZeroSecondsSleepNotAtAll) {
+  EXPECT_EQ(Sleep(0, {{5, 7}, {5, 7}}), Chunks());
+}
+
+TEST_F(CoreSleep, ChunksAreShorterThanTenSecondsAndTheLastTenthIsLeftOut) {
+  EXPECT_EQ(Sleep(25, {{5, 0}, {5, 0}, {10, 1000}, {19, 999999000}, {29, 900000001}}),
+            Chunks({5000000, 9999999, 1}));
+}
+
+TEST_F(CoreSleep, AnInterruptedChunkIsMadeUp) {
+  EXPECT_EQ(Sleep(3, {{5, 0}, {5, 0}, {6, 250000000}, {7, 900000000}, {8, 0}}),
+            Chunks({3000000, 1750000, 100000}));
+}
+
+TEST_F(CoreSleep, TimeSpentSuspendedCounts) {
+  EXPECT_EQ(Sleep(5, {{5, 9}, {5, 9}, {10, 10}}), Chunks({5000000}));
+  EXPECT_EQ(Sleep(5, {{5, 9}, {5, 9}, {777, 0}}), Chunks({5000000}));
+}
+
+TEST_F(CoreSleep, MoreSecondsThanTheClockHasEndWithIt) {
+  EXPECT_EQ(Sleep(ULONG_MAX, {{77, 5}, {77, 6}, {LONG_MAX, 6}}), Chunks({9999999}));
+}
+
+class CoreRecovery : public testing::Test {
+ protected:
+  CoreRecovery() {
+    test_root::MakeEmptyDir("/dev/__properties__/");
+    fakes.time = [] { return kNow; };
+    fakes.getprogname = [] { return "/vendor/bin/a"; };
+  }
+  // Whether a recovery ends the process, at once; and what the record is then.
+  void ExpectExit(bool ends, bool is_vendor = false) {
+    const auto recover = [&] {
+      atexit([] { fputs("an exit handler of the host ran", stderr); });
+      LetLogReachDeathTest();
+      QuorvelRecover(is_vendor);
+      fputs("goes on", stderr);
+      _exit(7);
+    };
+    const char* const end = ends ? "exit process from quorvel\n$" : "goes on$";
+    EXPECT_EXIT(recover(), ExitedWithCode(ends ? 1 : 7), end);
+  }
+  void ExpectRecord(const std::string& before, const std::string& after) {
+    SCOPED_TRACE(before);
+    test_root::SetProperty(kRecord, before);
+    ExpectExit(after != before);
+    EXPECT_EQ(test_root::PropertyText(kRecord), after);
+  }
+
+  static constexpr char kRecord[] = "quorvel.s.rec.97";
+  ScopedFakes restore_;
+};
+
+TEST_F(CoreRecovery, FiveExitsAreFree) {
+  ExpectExit(true);
+  EXPECT_EQ(test_root::PropertyText(kRecord), "1,1763315480");
+  ExpectRecord("4,1763315479", "5,1763315480");
+  ExpectRecord("5,1763315479", "5,1763315479");
+}
+
+TEST_F(CoreRecovery, ThenOneEachHalfHour) {
+  ExpectRecord("5,1763313680", "6,1763315480");
+  ExpectRecord("5,1763313681", "5,1763313681");
+  ExpectRecord("2147483647,0", "2147483647,1763315480");
+  EXPECT_TRUE(QuorvelRecoveryAllowed({5, LONG_MIN}, kNow));
+  EXPECT_FALSE(QuorvelRecoveryAllowed({5, LONG_MAX}, kNow));
+}
+
+TEST_F(CoreRecovery, ADamagedRecordReadsAsFarAsItIsOne) {
+  ExpectRecord("7", "1,1763315480");
+  ExpectRecord("x,1763315480", "1,1763315480");
+  ExpectRecord("3abc,99def", "4,1763315480");
+  ExpectRecord("-1,0", "-1,0");
+}
+
+TEST_F(CoreRecovery, TheSwitchOfItsOwnSideAloneForbidsIt) {
+  const char* const names[] = {"ro.quorvel.rec", "ro.vendor.quorvel.rec"};
+  for (const bool is_vendor : {false, true}) {
+    test_root::MakeEmptyDir("/dev/__properties__/");
+    test_root::SetProperty(names[is_vendor], "false");
+    ExpectExit(false, is_vendor);
+    ExpectExit(true, !is_vendor);
+  }
+  for (const std::string value : {"FALSE", "falsehood", "0", ""}) {
+    test_root::SetProperty(names[0], value);
+    ExpectExit(true);
   }
 }
 
-TEST(CoreTest, FiveExitsAreFreeAndThenOneEachHalfHour) {
-  const ScopedFakes restore;
-  test_root::MakeEmptyDir("/dev/__properties__/");
-  fakes.time = [] { return kNow; };
-  fakes.getprogname = [] { return "/vendor/bin/a"; };
-  // Records, and what they become.
-  const std::pair<std::string, std::string> cases[] = {{"7", "1,1763315480"},
-                                                       {"3abc,99def", "4,1763315480"},
-                                                       {"4,1763315479", "5,1763315480"},
-                                                       {"5,1763313680", "6,1763315480"},
-                                                       {"5,1763313681", "5,1763313681"},
-                                                       {"2147483647,0", "2147483647,1763315480"},
-                                                       {"-1,0", "-1,0"}};
-  for (const auto& [before, after] : cases) {
-    test_root::SetProperty("odm.quorvel.rec.97", before);
-    EXPECT_EXIT((LetLogReachDeathTest(), QuorvelRecover(true), _exit(7)),
-                ExitedWithCode(after == before ? 7 : 1),
-                " I QUORVEL : quorvel recovery limit count:-?[0-9]+ last happen time:[0-9]+\n");
-    EXPECT_EQ(test_root::PropertyText("odm.quorvel.rec.97"), after);
+TEST_F(CoreRecovery, ARefusalSaysHowOftenAndWhen) {
+  test_root::SetProperty(kRecord, "5,1763315400");
+  LogCapture log;
+  QuorvelRecover(false);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("I/QUORVEL: quorvel recovery limit count:5 last happen time:1763315400",
+                          "E/QUORVEL: Skip exit, because it has recovery more than 5 times\n"));
+}
+
+TEST_F(CoreRecovery, TheRecordIsNamedAfterTheProgram) {
+  const std::pair<const char*, const char*> programs[] = {{"abcdefghij", "quorvel.s.rec.180004458"},
+                                                          {"", "quorvel.s.rec.170931438"},
+                                                          {nullptr, "quorvel.s.rec.170931438"}};
+  for (const auto& [program, record] : programs) {
+    test_root::MakeEmptyDir("/dev/__properties__/");
+    fakes.getprogname = [p = program] { return p; };
+    ExpectExit(true);
+    EXPECT_EQ(test_root::PropertyText(record), "1,1763315480");
   }
-  EXPECT_TRUE(QuorvelRecoveryAllowed({5, LONG_MIN}, kNow));
-  EXPECT_FALSE(QuorvelRecoveryAllowed({5, LONG_MAX}, kNow));
-  for (const std::string value : {"FALSE", "falsehood", "false"}) {
-    test_root::SetProperty("ro.quorvel.rec", value);
-    EXPECT_EXIT((QuorvelRecover(false), _exit(7)), ExitedWithCode(value == "false" ? 7 : 1), "");
-  }
-  EXPECT_EQ(QuorvelRecoveryRecordName(false, "abcdefghij"), "quorvel.s.rec.180004458");
+  EXPECT_EQ(QuorvelRecoveryRecordName(true, "\xff\xfe"), "odm.quorvel.rec.4334");
 }
 
 }  // namespace

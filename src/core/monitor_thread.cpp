@@ -21,12 +21,20 @@ void SleepOneTick() {
   if (sleep(1) == 1) sleep(1);
 }
 
-// A write beyond the process's limit is to fail, as on a full disk; it would end the process.
-void FailAtTheFileSizeLimit() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGXFSZ);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+// What the monitor thread blocks: every signal, so that none meant for the host process is handled
+// here, interrupts a tick, or ends the process because this thread wrote into a pipe without a
+// reader or beyond the file size limit. Not blocked: the signals that a fault of the thread itself
+// raises, and those that the C library keeps for itself, through which setuid and its like reach
+// all threads.
+sigset_t MonitorSignalMask() {
+  constexpr int kFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
+  constexpr int kCLibrarys[] = {32, 33};  // of glibc: cancellation and setuid; of bionic: its
+                                          // timers and backtraces
+  sigset_t mask;
+  sigfillset(&mask);
+  for (const int number : kFaults) sigdelset(&mask, number);
+  for (const int number : kCLibrarys) sigdelset(&mask, number);
+  return mask;
 }
 
 QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
@@ -35,9 +43,19 @@ QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
 
 }  // namespace
 
+bool QuorvelCreateMonitor() {
+  // The new thread inherits the mask, so it holds from the thread's first instruction on.
+  const sigset_t mask = MonitorSignalMask();
+  sigset_t callers_mask;
+  pthread_sigmask(SIG_SETMASK, &mask, &callers_mask);
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr);
+  pthread_sigmask(SIG_SETMASK, &callers_mask, nullptr);
+  return error == 0;
+}
+
 void* QuorvelThreadHandle(void*) {
   pthread_setname_np(pthread_self(), "quorvel");
-  FailAtTheFileSizeLimit();
   QuorvelMonitor monitor;
   for (;;) {
     SleepOneTick();
@@ -97,5 +115,4 @@ void QuorvelResetMonitorInChild() QUORVEL_NO_THREAD_SAFETY_ANALYSIS {
   g_wake_up.lock.ResetInChild();
   g_wake_up.condition.ResetInChild();
   g_wake_up.waiting = 0;
-  QuorvelResetResponseAfterFork();
 }

@@ -41,6 +41,10 @@ struct QuorvelMonitor {
   uint32_t started_snapshot = 0;  // the started counter at the end of the previous tick
 };
 
+// Creates the monitor thread. False when the C library cannot. The thread runs with every signal
+// blocked but those that its own faults raise and those that the C library keeps for itself.
+bool QuorvelCreateMonitor();
+
 // The thread's body. Never returns; ignores its argument.
 void* QuorvelThreadHandle(void* unused);
 
@@ -62,7 +66,7 @@ void QuorvelWakeMonitor();
 // Whether the executable lies under /vendor, for the log directory and the recovery properties.
 void QuorvelSetVendor(bool is_vendor);
 
-// In the child of a fork: as if no monitor had ever run. Resets the layers below as well.
+// In the child of a fork: as if no monitor had ever run.
 void QuorvelResetMonitorInChild();
 
 #endif  // QUORVEL_CORE_MONITOR_THREAD_H_

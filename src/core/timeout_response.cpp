@@ -1,7 +1,11 @@
 #include "core/timeout_response.h"
 
 #include <android/log.h>
+#include <pthread.h>
 #include <time.h>
+#include <unistd.h>
+
+#include <set>
 
 #include "core/recovery_limit.h"
 #include "log/incident_close.h"
@@ -9,9 +13,9 @@
 #include "log/kernel_backtrace.h"
 #include "log/log_file.h"
 #include "log/log_tag.h"
+#include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
-#include "unwind/unwindstack_wrapper.h"
 
 namespace {
 
@@ -37,11 +41,31 @@ bool WithinRateLimit() {
   return g_period.count < kRateLimit;
 }
 
+bool IsOnlyThread() {
+  std::set<int> others;
+  return !QuorvelListOtherThreads(gettid(), &others) || others.empty();
+}
+
+// In a child that the client's callback forked and returned from: the incident is the parent's, and
+// this thread would go on as a second monitor. The child's exit handlers are the host's and are not
+// to run, as after any fork that ends with _exit.
+[[noreturn]] void EndThreadOfForkedChild() {
+  if (IsOnlyThread()) _exit(0);
+  pthread_exit(nullptr);
+}
+
+void CallBack(const QuorvelTimeoutInfo& info) {
+  if (info.callback == nullptr) return;
+  const pid_t pid = getpid();
+  info.callback(info.arg);
+  if (getpid() != pid) EndThreadOfForkedChild();
+}
+
 void WriteIncident(const QuorvelTimeoutInfo& info, bool is_vendor) {
   QuorvelInitLog(static_cast<int>(info.flags), is_vendor);
   QuorvelInsertLogTitle(info.tid, info.name, info.start);
   QuorvelFlushLog();
-  if (info.callback != nullptr) info.callback(info.arg);
+  CallBack(info);
   if ((info.flags & QUORVEL_FLAG_BACKTRACE) != 0) {
     QuorvelKernBacktrace(info.tid);
     QuorvelUserBacktrace(info.tid);
@@ -66,8 +90,6 @@ void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor) {
   QuorvelRecover(is_vendor);
 }
 
-void QuorvelResetResponseAfterFork() {
-  QuorvelDropLogAfterFork();
-  QuorvelResetDumpableAfterFork();
-  unwindstack_wrapper_reset_after_fork();
+void QuorvelResetResponseInChild() {
+  g_period = RatePeriod();
 }

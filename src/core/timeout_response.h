@@ -19,11 +19,12 @@ struct QuorvelTimeoutInfo {
 };
 
 // Runs the whole response, the client's callback included, for as long as that takes. May end the
-// process. A failure of a step is logged and stops no other step. Monitor thread only, with no lock
-// of the core held.
+// process. A failure of a step is logged and stops no other step. Does not return in a child that
+// the callback forked: there it ends the thread, and the child if that is its only one. Monitor
+// thread only, with no lock of the core held.
 void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor);
 
-// In the child of a fork: lets go of an incident that the parent had open.
-void QuorvelResetResponseAfterFork();
+// In the child of a fork: begins the count of the rate limit anew.
+void QuorvelResetResponseInChild();
 
 #endif  // QUORVEL_CORE_TIMEOUT_RESPONSE_H_

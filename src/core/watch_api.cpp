@@ -2,7 +2,6 @@
 
 #include <android-base/file.h>
 #include <android/log.h>
-#include <pthread.h>
 #include <quorvel/quorvel.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,9 +10,14 @@
 #include <string>
 
 #include "base/mutex.h"
+#include "core/fork_child.h"
 #include "core/monitor_thread.h"
+#include "core/timeout_response.h"
 #include "core/watch_registry.h"
+#include "log/kernel_backtrace.h"
 #include "log/log_tag.h"
+#include "log/quorvel_log.h"
+#include "unwind/unwindstack_wrapper.h"
 
 namespace {
 
@@ -31,23 +35,22 @@ bool Initialised() {
   return g_initialised.load(std::memory_order_acquire);
 }
 
-// Locks may be held by threads that the child does not have, and its monitor is not there: all of
-// it starts anew with the child's own quorvel_init.
-void StartAnewInChild() {
+// All that the library owns, from the calls down. Until the child's own quorvel_init builds the
+// registry again the watch calls refuse.
+void ResetInChild() {
   g_initialised.store(false, std::memory_order_relaxed);
   g_init_lock.ResetInChild();
   QuorvelResetRegistryInChild();
   QuorvelResetMonitorInChild();
-}
-
-void RegisterForkHandler() {
-  pthread_atfork(nullptr, nullptr, StartAnewInChild);
+  QuorvelResetResponseInChild();
+  QuorvelDropLogAfterFork();
+  QuorvelResetDumpableAfterFork();
+  unwindstack_wrapper_reset_after_fork();
 }
 
 void QuorvelManagerInit() {
   QuorvelBuildRegistry();
-  pthread_t thread;
-  if (pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr) != 0) {
+  if (!QuorvelCreateMonitor()) {
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pthread_create return fail, %s\n", __func__);
     return;
   }
@@ -62,10 +65,7 @@ void RefreshVendorFlag() {
 }  // namespace
 
 void quorvel_init() {
-  // Before the init lock is first taken: a fork while another thread is inside the first init must
-  // leave a child that can init itself.
-  static pthread_once_t once = PTHREAD_ONCE_INIT;
-  pthread_once(&once, RegisterForkHandler);
+  QuorvelEnterProcess(ResetInChild);
   QuorvelMutexLock lock(&g_init_lock);
   if (!Initialised()) QuorvelManagerInit();
   RefreshVendorFlag();

@@ -1,8 +1,8 @@
 #include "local_time.h"
 
-#include <pthread.h>
-
 #include <atomic>
+
+#include "fork_child.h"
 
 extern "C" {
 
@@ -27,7 +27,7 @@ constexpr long kDaysPerYear = 365;
 constexpr long kDaysPer4Years = 4 * kDaysPerYear + 1;
 constexpr long kDaysPerCentury = 25 * kDaysPer4Years - 1;
 constexpr long kDaysPerEra = 4 * kDaysPerCentury + 1;
-constexpr long kEpochDay = 719468;   // days from 0000-03-01 to 1970-01-01
+constexpr long kEpochDay = 719468;  // days from 0000-03-01 to 1970-01-01
 // March to July have as many days as August to December.
 constexpr long kMonthsPerCycle = 5;
 constexpr long kDaysPerCycle = 153;
@@ -46,9 +46,6 @@ const long g_utc_offset = [] {
 }();
 
 std::atomic<bool> g_forked{false};
-
-[[maybe_unused]] const int g_fork_handler =
-    pthread_atfork(nullptr, nullptr, [] { g_forked = true; });
 
 // The remainder that is never negative.
 constexpr long Modulo(long value, long divisor) {
@@ -76,6 +73,10 @@ void SetDate(long days, struct tm* date) {
 }
 
 }  // namespace
+
+void ForgetZoneLock() {
+  g_forked = true;
+}
 
 struct tm LocalTimeAt(time_t seconds) {
   const long local = seconds + g_utc_offset;

@@ -15,6 +15,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "fork_child.h"
+
 extern "C" {
 
 int __real_pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
@@ -34,18 +36,29 @@ namespace {
 
 constexpr size_t kKernelSetSize = 8;
 
-// The ids of the calling thread and of the process, once they have been asked for. The child of a
-// fork has others.
-__attribute__((tls_model("initial-exec"))) thread_local pid_t t_tid = 0;
-
+// The process in which thread ids were last asked for, and the calling thread's id there. A child
+// of a fork has another id, and so has its thread.
 std::atomic<pid_t> g_pid{0};
 
-void ForgetIds() {
-  t_tid = 0;
-  g_pid.store(0, std::memory_order_relaxed);
+struct ThreadId {
+  pid_t tid;
+  pid_t pid;  // g_pid as tid was asked for
+};
+__attribute__((tls_model("initial-exec"))) thread_local ThreadId t_id = {0, 0};
+
+pid_t RealPid() {
+  return static_cast<pid_t>(syscall(SYS_getpid));
 }
 
-[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, ForgetIds);
+// All that the layer keeps and a fork makes wrong in the child.
+void StartAnewInChild() {
+  t_id = {0, 0};
+  g_pid.store(RealPid(), std::memory_order_relaxed);
+  ForgetZoneLock();
+  unwindstack::StartWalksAnew();
+}
+
+[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, StartAnewInChild);
 
 // Condition variables of the layer's own, in the room of the C library's. Its waits are points of
 // cancellation, which the device does not have, whatever the thread's cancel state says: a thread
@@ -131,16 +144,15 @@ int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
 }
 
 pid_t __wrap_gettid() {
-  if (t_tid == 0) t_tid = static_cast<pid_t>(syscall(SYS_gettid));
-  return t_tid;
+  const pid_t pid = g_pid.load(std::memory_order_relaxed);
+  if (t_id.tid == 0 || t_id.pid != pid) t_id = {static_cast<pid_t>(syscall(SYS_gettid)), pid};
+  return t_id.tid;
 }
 
+// Also how a child learns that it is one whose fork handlers have not run yet, or never will.
 pid_t __wrap_getpid() {
-  pid_t pid = g_pid.load(std::memory_order_relaxed);
-  if (pid == 0) {
-    pid = static_cast<pid_t>(syscall(SYS_getpid));
-    g_pid.store(pid, std::memory_order_relaxed);
-  }
+  const pid_t pid = RealPid();
+  g_pid.store(pid, std::memory_order_relaxed);
   return pid;
 }
 

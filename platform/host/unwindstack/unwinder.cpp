@@ -1,6 +1,5 @@
 #include <unwindstack/Unwinder.h>
 
-#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 
 #include <unwindstack/RegsGetLocal.h>
 
+#include "../src/fork_child.h"
 #include "no_cancellation.h"
 #include "pages.h"
 #include "stack_walk.h"
@@ -49,18 +49,18 @@ class WalkLock {
   WalkLock& operator=(const WalkLock&) = delete;
 };
 
+}  // namespace
+
 // After a fork in the middle of a walk, the child finds the walk in any state and the unwinding
 // library's own locks held by a thread that it does not have. It abandons both, begins a new walk
 // and follows frame pointers alone. The fork cannot wait for the walk instead: it may itself wait
 // for an allocator lock of the stopped thread, and then the unwinder would wait for the fork.
-void StartAnewInChild() {
+void StartWalksAnew() {
   if (!g_shared.walk_taken.load(std::memory_order_relaxed)) return;
   g_shared.space = nullptr;
   g_shared.walk = NewStackWalk();
   g_shared.walk_taken.store(false, std::memory_order_relaxed);
 }
-
-}  // namespace
 
 Unwinder::Unwinder(size_t max_frames, Maps* maps, Regs* regs, std::shared_ptr<Memory>)
     : max_frames_(max_frames), maps_(maps), regs_(regs), frames_(nullptr) {
@@ -101,7 +101,6 @@ namespace {
 // at their first call, which must not happen while a thread is stopped that may hold the loader's
 // lock.
 __attribute__((constructor)) void PrepareAtLoad() {
-  pthread_atfork(nullptr, nullptr, StartAnewInChild);
   g_shared.space = StackWalk::CreateAddressSpace();
   for (auto& frames : g_shared.vectors) {
     frames = new std::vector<FrameData>();

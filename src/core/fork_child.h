@@ -1,0 +1,20 @@
+// The child of a fork has none of the parent's other threads: no monitor, and locks that nobody
+// will ever unlock. So all that the library owns is reset there, once:
+//
+//     parent                          child
+//     ------                          -----
+//     prepare handler: forks + 1
+//     fork ------------------------>  (handlers of the host's that came before ours: one that calls
+//     parent handler:  forks - 1       quorvel_init resets everything and sets forks = 0)
+//                                     child handler: resets everything unless forks is 0
+//
+// A child made without fork handlers (a bare clone) is reset by its own first quorvel_init.
+#ifndef QUORVEL_CORE_FORK_CHILD_H_
+#define QUORVEL_CORE_FORK_CHILD_H_
+
+// To be called first in quorvel_init, with no lock held: the first call registers the handlers,
+// before any lock that a fork could leave locked; a call in a new process that was not reset resets
+// it. Every call must pass the same reset.
+void QuorvelEnterProcess(void (*reset)());
+
+#endif  // QUORVEL_CORE_FORK_CHILD_H_

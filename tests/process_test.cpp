@@ -1,0 +1,386 @@
+// The monitor thread itself, the signals of its process, and forks. Each test has a process of its
+// own, as the thread never ends.
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "core/monitor_thread.h"
+#include "core/timeout_response.h"
+#include "core/watch_registry.h"
+#include "support/fakes.h"
+#include "support/log_capture.h"
+#include "support/surroundings.h"
+#include "support/test_root.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+
+using Function = std::function<void()>;
+
+uint32_t Start(int32_t timeout, Function* callback = nullptr, uint32_t flags = 0) {
+  const QuorvelCallback call = [](void* arg) { (*static_cast<Function*>(arg))(); };
+  return __quorvel_start_ex("n", timeout, callback != nullptr ? call : nullptr, callback, flags);
+}
+
+// The monitor sleeps only as long as the test lets it. Each process begins with the test's own
+// constructor, and no thread but the calling one and the first, which waits.
+class Process : public testing::Test {
+ protected:
+  Process() {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    fakes.sleep = [this](unsigned seconds) {
+      const int sleep = ++sleeps_;
+      while (allowed_sleeps_ < sleep) std::this_thread::yield();
+      const bool cut_short = sleep <= cut_short_;
+      slept_ += std::to_string(seconds) + (cut_short ? "! " : " ");
+      return cut_short ? 1u : 0u;
+    };
+  }
+  ~Process() override { GTEST_FLAG_SET(death_test_style, "fast"); }
+
+  void NoMonitor() {
+    fakes.pthread_create = [this](void* (*)(void*)) { return ++threads_made_, 0; };
+  }
+  void AwaitSleep(int number) const {
+    while (sleeps_ < number) std::this_thread::yield();
+  }
+  static void AwaitIdleMonitor() {
+    for (bool waiting = false; !waiting; std::this_thread::yield()) {
+      const QuorvelMutexLock lock(&g_wake_up.lock);
+      waiting = g_wake_up.waiting != 0;
+    }
+  }
+  static int32_t Cursor() {
+    const QuorvelMutexLock lock(&g_registry.lock);
+    return g_registry.cursor;
+  }
+  static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
+  // In a child of this process; its exit status.
+  static int StatusOf(const Function& in_child) {
+    const pid_t child = fork();
+    if (child == 0) alarm(20), in_child(), _exit(HasFailure() ? 1 : 0);
+    return StatusOf(child);
+  }
+  static int StatusOf(pid_t child) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -status;
+  }
+
+  std::atomic<int> sleeps_{0}, allowed_sleeps_{0}, threads_made_{0};
+  int cut_short_ = 0;
+  std::string slept_;
+  ScopedFakes restore_;
+  LogCapture log_;
+};
+
+// In a new process, which ends well unless an expectation fails in it.
+#define EXPECT_ENDS_WELL(body) \
+  EXPECT_EXIT((alarm(30), (body)(), _exit(HasFailure() ? 1 : 0)), ExitedWithCode(0), "")
+
+TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
+  const auto body = [&] {
+    cut_short_ = 2;
+    allowed_sleeps_ = 3;
+    quorvel_init();
+    AwaitSleep(4);
+    EXPECT_EQ(slept_, "1! 1! 1 ");
+    EXPECT_EQ(Cursor(), 2);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+TEST_F(Process, TheMonitorWaitsAfterThreeQuietTicks) {
+  const auto body = [&] {
+    allowed_sleeps_ = 100;
+    quorvel_init();
+    AwaitIdleMonitor();
+    EXPECT_EQ(sleeps_, 3);
+    EXPECT_EQ(Cursor(), 3);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
+  const auto body = [&] {
+    allowed_sleeps_ = 3;
+    quorvel_init();
+    AwaitIdleMonitor();
+    for (int i = 0; i < 3; ++i) Start(1);
+    AwaitSleep(4);
+    EXPECT_EQ(Cursor(), 3) << "it is to sleep before it empties the slot";
+    allowed_sleeps_ = 100;
+    AwaitIdleMonitor();
+    EXPECT_EQ(sleeps_, 7);
+    EXPECT_EQ(Armed(), 0u);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+uint64_t BlockedSignals() {
+  uint64_t mask = 0;
+  syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &mask, sizeof(mask));
+  return mask;
+}
+
+constexpr uint64_t SetOf(int number) {
+  return uint64_t{1} << (number - 1);
+}
+
+TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
+  const auto body = [&] {
+    uint64_t at_first = 0, in_callback = 0;
+    fakes.sleep = [&](unsigned) { return at_first |= BlockedSignals(), 0u; };
+    std::atomic<bool> fired{false};
+    Function callback = [&] { in_callback = BlockedSignals(), fired = true; };
+    const uint64_t callers = SetOf(SIGUSR2) | SetOf(33);
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &callers, nullptr, sizeof(callers));
+    quorvel_init();
+    EXPECT_EQ(BlockedSignals(), callers);
+    Start(1, &callback);
+    while (!fired) std::this_thread::yield();
+    uint64_t not_blocked = SetOf(SIGKILL) | SetOf(SIGSTOP) | SetOf(32) | SetOf(33);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+      not_blocked |= SetOf(fault);
+    }
+    EXPECT_EQ(at_first, ~not_blocked);
+    EXPECT_EQ(in_callback, ~not_blocked);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+#define SKIP_WHERE_A_CHILD_HAS_NO_THREADS()                    \
+  SKIP_UNDER_EMULATION("a forked child cannot start threads"); \
+  if (kThreadSanitizer) GTEST_SKIP() << "no threads in a child"
+
+// In the child of a fork, which has no other thread that could take the signal.
+TEST_F(Process, ASignalThatTheHostWaitsForIsNotTheMonitors) {
+  SKIP_WHERE_A_CHILD_HAS_NO_THREADS();
+  const auto in_child = [&] {
+    quorvel_init();
+    AwaitSleep(1);
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    kill(getpid(), SIGTERM);
+    int number = 0;
+    EXPECT_EQ(sigwait(&term, &number), 0);
+  };
+  EXPECT_EQ(StatusOf(in_child), 0);
+}
+
+// With the C library's sleep, which any signal cuts short, and with that of the host layer.
+TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
+  SKIP_WHERE_A_CHILD_HAS_NO_THREADS();
+  fakes.sleep = nullptr;
+  const auto in_child = [] {
+    using Clock = std::chrono::steady_clock;
+    std::atomic<int> fired{0};
+    const auto note = [](void* arg) { ++*static_cast<std::atomic<int>*>(arg); };
+    void* const library = dlopen(QUORVEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    const auto start = Clock::now();
+    quorvel_init();
+    reinterpret_cast<decltype(&quorvel_init)>(dlsym(library, "quorvel_init"))();
+    __quorvel_start_ex("n", 3, note, &fired, 0);
+    reinterpret_cast<decltype(&__quorvel_start_ex)>(dlsym(library, "__quorvel_start_ex"))(
+        "n", 3, note, &fired, 0);
+    signal(SIGALRM, [](int) {});
+    signal(SIGUSR1, [](int) {});
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    const itimerval often = {{0, 10000}, {0, 10000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    while (fired < 2 && Clock::now() - start < std::chrono::seconds(8)) {
+      kill(getpid(), SIGUSR1);
+      usleep(1000);
+      EXPECT_TRUE(fired == 0 || Clock::now() - start >= std::chrono::seconds(3));
+    }
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  };
+  EXPECT_EQ(StatusOf(in_child), 0);
+}
+
+class ProcessFork : public Process {};
+
+// While another thread holds each of the locks in turn, the first of them in the first init of all.
+TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
+  const auto body = [&] {
+    std::atomic<int> held{0}, allowed{0};
+    const auto hold = [&] {
+      const int lock = ++held;
+      while (allowed < lock) std::this_thread::yield();
+    };
+    fakes.pthread_create = [&](void* (*)(void*)) { return hold(), 0; };  // under the init lock
+    std::thread other([&] {
+      quorvel_init();
+      for (QuorvelMutex* lock : {&g_registry.lock, &g_wake_up.lock}) {
+        const QuorvelMutexLock guard(lock);
+        hold();
+      }
+    });
+    for (int lock = 1; lock <= 3; ++lock) {
+      while (held < lock) std::this_thread::yield();
+      const auto in_child = [&] {
+        NoMonitor();
+        quorvel_init();
+        quorvel_end(Start(60));
+      };
+      EXPECT_EQ(StatusOf(in_child), 0) << lock;
+      allowed = lock;
+    }
+    other.join();
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInIt) {
+  NoMonitor();
+  quorvel_init();
+  const uint32_t parents = Start(60);
+  const auto in_child = [&] {
+    fakes.pthread_create = [](void* (*)(void*)) { return EAGAIN; };
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      EXPECT_EQ(Start(10), QUORVEL_INVALID_ID);
+      EXPECT_EQ(quorvel_update(parents, 10), QUORVEL_INVALID_ID);
+      quorvel_end(parents);
+      if (attempt == 0) quorvel_init();
+    }
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre("E/QUORVEL: pthread_create return fail, QuorvelManagerInit\n"));
+    fakes.pthread_create = [](void* (*body)(void*)) { return body == QuorvelThreadHandle ? 0 : 1; };
+    quorvel_init();
+    EXPECT_NE(Start(10), QUORVEL_INVALID_ID);
+    EXPECT_EQ(Armed(), 1u);
+  };
+  EXPECT_EQ(StatusOf(in_child), 0);
+  EXPECT_EQ(quorvel_update(parents, 60), parents);
+  quorvel_end(parents);
+}
+
+TEST_F(ProcessFork, TheParentKeepsItsMonitorAndItsWatches) {
+  NoMonitor();
+  quorvel_init();
+  const uint32_t id = Start(60);
+  threads_made_ = 0;
+  EXPECT_EQ(StatusOf([] { quorvel_init(); }), 0);
+  quorvel_init();
+  EXPECT_EQ(threads_made_, 0);
+  EXPECT_EQ(quorvel_update(id, 60), id);
+  quorvel_end(id);
+}
+
+uint32_t g_early_watch = QUORVEL_INVALID_ID;
+
+TEST_F(ProcessFork, AnInitInAHandlerOfTheHostsThatCameFirstLasts) {
+  const auto body = [&] {
+    pthread_atfork(nullptr, nullptr, [] { quorvel_init(), g_early_watch = Start(60); });
+    NoMonitor();
+    quorvel_init();
+    Start(60);
+    threads_made_ = 0;
+    const auto in_child = [&] {
+      EXPECT_EQ(threads_made_, 1);
+      EXPECT_EQ(Armed(), 1u);
+      EXPECT_EQ(quorvel_update(g_early_watch, 60), g_early_watch);
+      const QuorvelMutexLock lock(&g_registry.lock);
+      EXPECT_EQ(QuorvelFindNode(g_early_watch)->tid, syscall(SYS_gettid));
+    };
+    EXPECT_EQ(StatusOf(in_child), 0);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+TEST_F(ProcessFork, AChildMadeWithoutForkHandlersIsResetByItsInit) {
+  NoMonitor();
+  quorvel_init();
+  const uint32_t id = Start(60);
+  const pid_t child = _Fork();
+  if (child == 0) {
+    threads_made_ = 0;
+    quorvel_init();
+    _exit(threads_made_ == 1 && Armed() == 0 && quorvel_update(id, 5) != id ? 0 : 1);
+  }
+  EXPECT_EQ(StatusOf(child), 0);
+  quorvel_end(id);
+}
+
+// Incidents of a process whose events are sent.
+class ProcessForkedIncident : public Process {
+ protected:
+  ProcessForkedIncident() {
+    for (const char* dir : {test_root::kLogDir, "/data/log/dravik/", "/dev/__properties__/"}) {
+      test_root::MakeEmptyDir(dir);
+    }
+    test_root::SetProperty("dravik.event.12.config", "1");
+    NoMonitor();
+    quorvel_init();
+  }
+  static void Respond(Function callback, uint32_t flags) {
+    const QuorvelCallback call = [](void* arg) { (*static_cast<Function*>(arg))(); };
+    QuorvelTimeoutResponse({0, call, gettid(), "n", 0, &callback, flags}, false);
+  }
+  static auto Events() {
+    const std::string journal = test_root::ReadFile(test_root::Path(test_root::kJournal));
+    return std::count(journal.begin(), journal.end(), '\n');
+  }
+};
+
+TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
+  const auto body = [&] {
+    int called = 0;
+    const auto respond = [&] { Respond([&] { ++called; }, QUORVEL_FLAG_LOG); };
+    for (int i = 0; i < 8; ++i) respond();
+    EXPECT_EQ(called, 6);
+    const auto in_child = [&] {
+      respond();
+      EXPECT_EQ(called, 7);
+    };
+    EXPECT_EQ(StatusOf(in_child), 0);
+    respond();
+    EXPECT_EQ(called, 6);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
+TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
+  static const std::string trace = test_root::Path("/exit_handler_ran");
+  pid_t child = 0;
+  std::thread([&] {
+    atexit([] { test_root::WriteFile(trace, ""); });
+    Respond([&] { child = fork(); }, QUORVEL_FLAG_LOG);
+  }).join();
+  EXPECT_EQ(StatusOf(child), 0);
+  EXPECT_EQ(Events(), 1);
+  EXPECT_EQ(access(trace.c_str(), F_OK), -1) << "an exit handler of the host ran";
+}
+
+TEST_F(ProcessForkedIncident, OtherThreadsOfSuchAChildLiveOn) {
+  SKIP_WHERE_A_CHILD_HAS_NO_THREADS();
+  fakes.pthread_create = nullptr;
+  pid_t child = 0;
+  const auto fork_with_thread = [&] {
+    child = fork();
+    if (child == 0) std::thread([] { usleep(200000), _exit(5); }).detach();
+  };
+  std::thread([&] { Respond(fork_with_thread, QUORVEL_FLAG_LOG); }).join();
+  EXPECT_EQ(StatusOf(child), 5);
+  EXPECT_EQ(Events(), 1);
+}
+
+}  // namespace
