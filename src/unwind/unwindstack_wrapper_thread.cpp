@@ -100,7 +100,7 @@ void unwindstack_wrapper_thread::wake() {
 }
 
 #if defined(__aarch64__)
-static_assert(sizeof(mcontext_t) == 4384, "with the area in which the kernel keeps the rest");
+static_assert(sizeof(mcontext_t) == 4384, "with the reserved area after the general registers");
 #endif
 
 void unwindstack_wrapper_thread::copy_context(void* context) {

@@ -1,6 +1,6 @@
-// The place where an unwinding thread and the signal handler on its target thread meet: one entry
-// for each (process id, thread id), in one process-wide list. An exchange steps the entry's
-// counter:
+// The entry through which an unwinding thread and the signal handler on its target thread exchange
+// registers: one for each (process id, thread id), in one process-wide list. An exchange counts the
+// entry's wait_value_ up:
 //
 //     unwinding thread                       target thread, in the handler of the signal
 //     ----------------                       -------------------------------------------
@@ -9,21 +9,20 @@
 //     send the signal ---------------------> get(pid, tid, false)
 //     wait(1)                                copy_context
 //       <----------------------------------- wake: 1  (ContextSaved)
-//     read the stack                         wait(2), parked
+//     read the stack                         wait(2), stopped
 //     wake: 2           (StackRead) -------> return from the wait
 //     wait(3)                                wake: 3  (Leaving)
 //       <-----------------------------------
 //     remove                                 return to the interrupted code
 //
 // Every wait is for exactly one value and lasts five seconds at most, on the monotonic clock, so
-// neither side can hold the other for longer. The handler keeps the reference that its get took:
-// an entry that a handler has once found stays for good and serves every later exchange with that
-// thread, so nothing is ever freed under a handler that comes late.
+// neither side can hold up the other for longer. The handler never releases the reference that its
+// get returned: an entry that a handler has once found stays for good and serves every later
+// exchange with that thread, so nothing is freed under a handler that comes late.
 //
 // Locks: list_mutex_ guards the list and the reference counts and is held only inside get and
-// remove. entry_mutex_ belongs to the unwinding thread for the whole exchange and is never held
-// together with list_mutex_; the handler never takes it. wait_mutex_ is held only inside wait and
-// wake.
+// remove. The unwinding thread holds entry_mutex_ for the whole exchange, never together with
+// list_mutex_; the handler does not lock it. wait_mutex_ is held only inside wait and wake.
 #ifndef QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_THREAD_H_
 #define QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_THREAD_H_
 
@@ -43,33 +42,33 @@ enum RendezvousValue : int32_t {
 
 class unwindstack_wrapper_thread {
  public:
-  // Makes an entry with one reference and puts it at the head of the list. The caller holds
-  // list_mutex_; only get creates entries.
+  // An entry with one reference, at the head of the list. The caller holds list_mutex_; only get
+  // creates entries.
   QUORVEL_EXPORT unwindstack_wrapper_thread(int pid, int tid);
 
-  // Takes the entry out of the list. The caller holds list_mutex_.
+  // Unlinks the entry from the list. The caller holds list_mutex_.
   QUORVEL_EXPORT ~unwindstack_wrapper_thread();
 
   unwindstack_wrapper_thread(const unwindstack_wrapper_thread&) = delete;
   unwindstack_wrapper_thread& operator=(const unwindstack_wrapper_thread&) = delete;
 
-  // The entry of the pair with one reference more; a new one if there is none and create is set;
-  // else null, as when memory is short. Without create it allocates nothing and may run in the
-  // signal handler.
+  // Returns the entry of the pair, with one more reference. If there is none: a new one if create
+  // is set, else null; null also when memory is exhausted. Without create it allocates nothing and
+  // may run in the signal handler.
   QUORVEL_EXPORT static unwindstack_wrapper_thread* get(int pid, int tid, bool create);
 
-  // Unlocks the entry's entry_mutex_, which the caller holds, and gives one reference back; the
-  // last one frees the entry.
+  // Unlocks the entry's entry_mutex_, which the caller holds, and releases one reference; the last
+  // one frees the entry.
   QUORVEL_EXPORT static void remove(unwindstack_wrapper_thread* entry);
 
-  // Waits until the counter equals value, at most five seconds. False when it did not come to that;
-  // a counter that has gone past value is no match. Async-signal context: on the target thread.
+  // Waits at most five seconds until wait_value_ equals value. False when it did not; a larger
+  // value does not count. May run in the signal handler.
   QUORVEL_EXPORT bool wait(int value);
 
-  // Steps the counter by one and wakes the side that waits for it. Async-signal context as wait.
+  // Adds one to wait_value_ and wakes the side that waits for it. May run in the signal handler.
   QUORVEL_EXPORT void wake();
 
-  // Keeps the machine context of the ucontext that the kernel gave to a signal handler.
+  // Copies the machine context of a ucontext_t that the kernel passed to a signal handler.
   QUORVEL_EXPORT void copy_context(void* context);
 
   int32_t pid_;
@@ -78,8 +77,8 @@ class unwindstack_wrapper_thread {
   pthread_mutex_t entry_mutex_;
   pthread_mutex_t wait_mutex_;
   pthread_cond_t wait_cond_;
-  // Set to 0 under entry_mutex_ alone, while a handler that came too late for an earlier exchange
-  // may still read it under wait_mutex_: hence an atomic.
+  // Atomic, because it is set to 0 under entry_mutex_ alone while a handler that came too late for
+  // an earlier exchange may still read it under wait_mutex_.
   std::atomic<int32_t> wait_value_;
   unwindstack_wrapper_thread* next_;
   unwindstack_wrapper_thread* prev_;

@@ -8,16 +8,17 @@
 //     the library's sigaction(33, handler)  puts Dispatch in front, and reports the C library's
 //                                           handler as SIG_DFL
 //     the library's tgkill(tid, 33)         queues the signal with a value of its own
-//     Dispatch, with the latest value       is the library's: to its handler; dropped where the
-//                                           library has ignored or given back the signal
-//     Dispatch, with anything else          is the C library's: to its handler, which leaves queued
-//                                           ones alone, the library's late ones too
-//     the library gives the signal back     the C library's handler is back
+//     Dispatch, with the latest value       calls the library's handler; drops the signal if the
+//                                           library ignores it or has restored its action
+//     Dispatch, with anything else          calls the C library's handler, which ignores queued
+//                                           signals, and so the library's late ones
+//     the library restores the action       restores the C library's handler
 //
-// An action that the host process itself put there, by the kernel's own call, is reported as it is,
-// and put back as it was.
+// An action that the host process itself installed, by the kernel's own call, is reported as it is
+// and restored as it was. Where the kernel refuses to queue the signal, tgkill fails: a signal sent
+// in another way could meet the C library's handler and end the process.
 //
-// The link sends the library's calls of these names here (--wrap).
+// The linker redirects the library's calls of these names to here (--wrap).
 
 #include <errno.h>
 #include <gnu/libc-version.h>
@@ -56,7 +57,7 @@ constexpr uint64_t SetOf(int signal_number) {
   return uint64_t{1} << (signal_number - 1);
 }
 
-// What a thread raises itself.
+// The signals that a thread raises itself.
 constexpr uint64_t kFaults = SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) |
                              SetOf(SIGTRAP) | SetOf(SIGSYS) | SetOf(SIGABRT);
 
@@ -71,8 +72,8 @@ struct KernelAction {
 #if defined(__x86_64__)
 constexpr unsigned long kRestorerFlag = 0x04000000;  // SA_RESTORER
 
-// The kernel returns from a handler through this. Its very bytes are how debuggers and unwinders
-// know a signal frame.
+// The kernel returns from a handler through this. Debuggers and unwinders recognise a signal frame
+// by exactly these bytes.
 extern "C" __attribute__((visibility("hidden"))) void quorvel_host_restorer();
 asm(".pushsection .text\n"
     ".hidden quorvel_host_restorer\n"
@@ -104,21 +105,21 @@ Handler AsHandler(sighandler_t handler) {
   return result;
 }
 
-// The value of the signal sent last. The unwinder serialises its exchanges: one that comes with an
-// earlier value comes too late, and nobody waits for it any more.
+// The value of the signal sent last. The unwinder has one exchange at a time: a signal with an
+// earlier value is late, and nobody waits for it any more.
 std::atomic<uintptr_t> g_latest_value{0};
 
 // The library's handler, or SIG_DFL or SIG_IGN.
 std::atomic<Handler> g_library_handler{AsHandler(SIG_DFL)};
 
-// What the host process itself had put there when it was last reported.
-std::atomic<Handler> g_hosts_handler{nullptr};
+// The handler that the host process itself had installed when it was last reported.
+std::atomic<Handler> g_host_handler{nullptr};
 
 // The C library's action, once it has been seen; written before Dispatch is first installed.
 KernelAction g_libc_action;
 std::atomic<Handler> g_libc_handler{nullptr};
 
-// Where the C library's own code lies. Looked up at load, when nobody is parked.
+// The addresses of the C library's code. Looked up at load, while no thread is stopped.
 struct CodeRange {
   uintptr_t start;
   uintptr_t end;
@@ -142,7 +143,7 @@ const CodeRange g_libc_code = [] {
   return range;
 }();
 
-bool IsLibcs(Handler handler) {
+bool IsLibcHandler(Handler handler) {
   const uintptr_t address = reinterpret_cast<uintptr_t>(handler);
   return address >= g_libc_code.start && address < g_libc_code.end;
 }
@@ -153,10 +154,10 @@ void RestoreMask(void* context) {
 }
 
 // A device has no thread cancellation. Here it would unwind a thread out of the library's handler,
-// with that one's locks held and, for good, the signal blocked: a later setuid would wait for ever.
-// The action's mask holds the C library's signal for it back, and with it all that come from
-// outside: a handler of the host's could jump out of this one. What is asked for meanwhile comes
-// when the handler is done.
+// with the library's locks held and the signal blocked for good: a later setuid would wait for
+// ever. The action's mask blocks the C library's signal for it, and every signal from outside,
+// because a handler of the host could jump out of this one. They are delivered when the handler
+// returns.
 void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* context) {
   int type, state;
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
@@ -164,8 +165,8 @@ void CallUncancelled(Handler handler, int signal_number, siginfo_t* info, void* 
   handler(signal_number, info, context);
   pthread_setcancelstate(state, nullptr);
   if (type == PTHREAD_CANCEL_DEFERRED) return;
-  // The thread may be in any blocking call, which makes it asynchronous for that long. One that was
-  // cancelled meanwhile goes to its end from here, and its last handlers may hang as well.
+  // A blocking call makes its thread's cancellation asynchronous. A thread that was cancelled
+  // meanwhile ends from here, and its clean-up handlers must find the signal unblocked.
   pthread_cleanup_push(RestoreMask, context);
   pthread_setcanceltype(type, nullptr);  // may not return
   pthread_cleanup_pop(0);
@@ -192,29 +193,29 @@ KernelAction DispatchAction(const struct sigaction& action) {
   return kernel;
 }
 
-// What a caller is to see of what the kernel has.
+// Tells a caller of the kernel's action what a device would.
 void Report(const KernelAction& kernel, struct sigaction* old) {
   memset(old, 0, sizeof(*old));
   const bool callable =
       kernel.handler != AsHandler(SIG_DFL) && kernel.handler != AsHandler(SIG_IGN);
-  if (!callable || kernel.handler == Dispatch || IsLibcs(kernel.handler)) {
+  if (!callable || kernel.handler == Dispatch || IsLibcHandler(kernel.handler)) {
     old->sa_sigaction = callable ? g_library_handler.load() : kernel.handler;
     old->sa_flags = kernel.handler == Dispatch ? static_cast<int>(kernel.flags) : 0;
     return;
   }
-  g_hosts_handler.store(kernel.handler);
+  g_host_handler.store(kernel.handler);
   old->sa_sigaction = kernel.handler;
   old->sa_flags = static_cast<int>(kernel.flags);
   old->sa_restorer = kernel.restorer;
   memcpy(&old->sa_mask, &kernel.mask, sizeof(kernel.mask));
 }
 
-bool IsHosts(const struct sigaction& action) {
-  const Handler hosts = g_hosts_handler.load();
-  return hosts != nullptr && action.sa_sigaction == hosts;
+bool IsHostHandler(const struct sigaction& action) {
+  const Handler handler = g_host_handler.load();
+  return handler != nullptr && action.sa_sigaction == handler;
 }
 
-long InstallHosts(const struct sigaction& action) {
+long InstallHostAction(const struct sigaction& action) {
   KernelAction kernel = {action.sa_sigaction,
                          static_cast<unsigned long>(static_cast<unsigned>(action.sa_flags)),
                          action.sa_restorer, 0};
@@ -224,14 +225,14 @@ long InstallHosts(const struct sigaction& action) {
 }
 
 long Install(const struct sigaction& action) {
-  if (IsHosts(action)) return InstallHosts(action);
+  if (IsHostHandler(action)) return InstallHostAction(action);
   const bool default_or_ignore = action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
   g_library_handler.store(action.sa_sigaction);
   if (!default_or_ignore) {
     const KernelAction kernel = DispatchAction(action);
     return KernelSigaction(&kernel, nullptr);
   }
-  if (g_libc_handler.load() == nullptr) {  // no threads yet: the kernel's own default or ignore
+  if (g_libc_handler.load() == nullptr) {  // no threads yet, so the kernel's default or ignore
     KernelAction kernel = {};
     kernel.handler = action.sa_sigaction;
     return KernelSigaction(&kernel, nullptr);
@@ -242,7 +243,7 @@ long Install(const struct sigaction& action) {
 int UnwindSignalAction(const struct sigaction* action, struct sigaction* old) {
   KernelAction kernel_old = {};
   if (KernelSigaction(nullptr, &kernel_old) != 0) return -1;
-  if (IsLibcs(kernel_old.handler) && g_libc_handler.load() == nullptr) {
+  if (IsLibcHandler(kernel_old.handler) && g_libc_handler.load() == nullptr) {
     g_libc_action = kernel_old;
     g_libc_handler.store(kernel_old.handler);
   }

@@ -2,7 +2,7 @@
 //
 // Libraries come, go and are replaced at the same address. So once an unwind a kept image is
 // compared with the mapping, the file's attributes and the first bytes in memory, and read anew if
-// any of them has changed. Not for two threads at once; takes no lock, allocates nothing from the
+// any of them has changed. Not for two threads at once; locks nothing, allocates nothing from the
 // heap.
 //
 // The images are found by the process's list of mappings and not by glibc's _dl_find_object, which

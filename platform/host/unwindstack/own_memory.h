@@ -9,7 +9,7 @@
 namespace unwindstack {
 
 // Copies `size` bytes from `addr`; false, with `out` undefined, when any of them cannot be read.
-// Any thread; takes no lock, allocates nothing, changes errno.
+// Any thread; locks nothing, allocates nothing, changes errno.
 bool ReadOwnMemory(uint64_t addr, void* out, size_t size);
 
 // Such reads for one unwind at a time, a page at a time. Not for two threads at once.

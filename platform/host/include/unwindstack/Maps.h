@@ -1,6 +1,6 @@
 // The list of the calling process's mappings, read anew by each object.
 //
-// An object is for one thread. Parsing takes no lock of the C library and allocates nothing from
+// An object is for one thread. Parsing uses no lock of the C library and allocates nothing from
 // its heap.
 #ifndef QUORVEL_HOST_UNWINDSTACK_PUBLIC_MAPS_H_
 #define QUORVEL_HOST_UNWINDSTACK_PUBLIC_MAPS_H_

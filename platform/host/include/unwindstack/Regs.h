@@ -1,6 +1,6 @@
 // A thread's registers, as the starting point of an unwind.
 //
-// Any thread may use them; one object is for one thread at a time. Making and deleting one takes no
+// Any thread may use them; one object is for one thread at a time. Making and deleting one uses no
 // lock and nothing of the C library's heap, so another thread may be stopped meanwhile.
 #ifndef QUORVEL_HOST_UNWINDSTACK_PUBLIC_REGS_H_
 #define QUORVEL_HOST_UNWINDSTACK_PUBLIC_REGS_H_

@@ -1,6 +1,6 @@
 // Text that frames share: names of functions and of mappings.
 //
-// A string is a pointer to text that lives as long as the process. Making and copying one takes no
+// A string is a pointer to text that lives as long as the process. Making and copying one uses no
 // lock and nothing of the C library's heap; new text may cost a system call. Any thread may use it
 // at any time, except where noted below.
 #ifndef QUORVEL_HOST_UNWINDSTACK_PUBLIC_SHARED_STRING_H_
