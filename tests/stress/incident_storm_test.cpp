@@ -1,0 +1,341 @@
+// Incidents while threads are in the worst places when the unwinder comes: each must be in the log,
+// and none may notice.
+
+#include <android/log.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <sched.h>
+#include <setjmp.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <ucontext.h>
+
+#include <deque>
+#include <fstream>
+#include <thread>
+
+#include "log/incident_close.h"
+#include "log/incident_header.h"
+#include "log/kernel_backtrace.h"
+#include "log/log_file.h"
+#include "log/quorvel_log.h"
+#include "log/user_backtrace.h"
+#include "stress/storm.h"
+#include "support/parked_thread.h"
+#include "support/surroundings.h"
+#include "support/test_root.h"
+#include "unwind/unwindstack_wrapper.h"
+
+namespace {
+
+std::atomic<bool> g_running{true};
+int g_pipe[2];
+
+void Compute(int turns) {
+  for (int i = 0; i < turns; ++i) asm volatile("" ::: "memory");
+}
+
+NOINLINE void ThrowBelow(int depth) {
+  const std::string unwound(50, 'x');
+  if (depth == 0) throw unwound;
+  ThrowBelow(depth - 1);
+}
+
+NOINLINE int Recurse(int depth) {
+  if (depth % 512 == 0) Compute(1000);
+  volatile int below = depth == 0 ? 0 : Recurse(depth - 1);
+  return below + 1;
+}
+
+// A copy of this works anywhere: it reaches nothing relative to itself. No table describes it.
+__attribute__((noinline, no_sanitize("thread"))) void CallBare(void (*function)()) {
+  function();
+  asm volatile("" ::: "memory");
+}
+
+// Its caller's frame pointer and its own return address are garbage while it computes.
+NOINLINE void ReturnToGarbage() {
+  volatile auto* const frame = static_cast<volatile uint64_t*>(__builtin_frame_address(0));
+  const uint64_t saved[2] = {frame[0], frame[1]}, stack = reinterpret_cast<uint64_t>(frame),
+                 one = 1;
+  const uint64_t code = reinterpret_cast<uint64_t>(&malloc) + stack % 4096;
+  for (const uint64_t garbage : {one - 1, one, ~one, one << 63, stack, (stack | 0xfff) - 3, code}) {
+    frame[0] = garbage ^ 8;
+    frame[1] = garbage;
+    Compute(50000);
+  }
+  frame[0] = saved[0];
+  frame[1] = saved[1];
+}
+
+// The handler jumps back: nothing can return to the call.
+thread_local sigjmp_buf t_before_fault;
+NOINLINE void CallNull() {
+  void (*volatile null)() = nullptr;
+  if (sigsetjmp(t_before_fault, 1) == 0) null();
+}
+void JumpBack(int, siginfo_t* info, void*) {
+  if (info->si_addr != nullptr) {  // a crash
+    signal(SIGSEGV, SIG_DFL);
+    return;
+  }
+  Compute(100000);
+  siglongjmp(t_before_fault, 1);
+}
+
+thread_local ucontext_t t_outside;
+NOINLINE void RunCoroutine() {
+  static thread_local char stack[64 * 1024];
+  ucontext_t coroutine;
+  EXPECT_EQ(getcontext(&coroutine), 0);
+  coroutine.uc_stack.ss_sp = stack;
+  coroutine.uc_stack.ss_size = sizeof(stack);
+  coroutine.uc_link = &t_outside;
+  makecontext(
+      &coroutine, [] { Compute(100000); }, 0);
+  EXPECT_EQ(swapcontext(&t_outside, &coroutine), 0);
+}
+
+const struct Kind {
+  const char* name;
+  bool has_way_up;  // to the thread's beginning, within the limit
+  void (*step)();
+  // The thread sanitizer does not know the loader's lock, has a thread of its own that takes no
+  // signal, and has no state left for a thread that ends.
+  bool under_tsan = true;
+} kKinds[] = {
+    {"allocates", true,
+     [] {
+       void* kept[16] = {};
+       for (size_t i = 0; i < 8192; ++i) {
+         free(kept[i % 16]);
+         kept[i % 16] = malloc(i * 7919 % (i % 512 == 0 ? 400000 : 3000));
+       }
+       for (void* memory : kept) free(memory);
+     }},
+    {"loads libraries", false,
+     [] {
+       void* const library = dlopen(UNWIND_PLUGIN, RTLD_NOW);
+       using Call = int (*)(void (*)(void*), void*);
+       const auto call = reinterpret_cast<Call>(dlsym(library, "plugin_call_a"));
+       EXPECT_EQ(call([](void*) { Compute(20000); }, nullptr), 2);
+       dlclose(library);
+     },
+     false},
+    {"throws", true,
+     [] {
+       try {
+         ThrowBelow(8);
+       } catch (const std::string& text) {
+         EXPECT_EQ(text.size(), 50u);
+       }
+     }},
+    // They live much longer than their end takes: one that is caught in that is silent.
+    {"starts threads", true, [] { std::thread(usleep, 100000).join(); }, false},
+    {"forks", true,
+     [] {
+       if (Emulated()) return;  // in a child the emulator waits for its own locks
+       const pid_t child = fork();
+       if (child == 0) {
+         if (SANITIZED) _exit(0);  // the locks of its heap may be taken
+         alarm(20);
+         QuorvelInsertLogTitle(1, "child", 0);
+         unwindstack_wrapper unwinder;
+         ucontext_t here;  // a walk that the fork fell into leaves frame pointers alone to go by
+         getcontext(&here);
+         unwinder.unwind(-1, &here, 64);
+         _exit(unwinder.num_frames > 2 ? 0 : 1);
+       }
+       int status = -1;
+       EXPECT_EQ(waitpid(child, &status, 0), child) << "not restarted";
+       EXPECT_EQ(status, 0);
+     }},
+    {"blocks the signal", true,
+     [] {
+       BlockUnwindSignal(true);
+       usleep(10000);
+       BlockUnwindSignal(false);
+     }},
+    {"holds the loader's list", true,
+     [] {
+       const auto hold = [](struct dl_phdr_info*, size_t, void*) { return usleep(3000), 1; };
+       dl_iterate_phdr(hold, nullptr);
+     }},
+    {"on a signal stack", true,
+     [] {
+       char space[64 * 1024];
+       const stack_t stack = {space, 0, sizeof(space)}, none = {nullptr, SS_DISABLE, 0};
+       EXPECT_EQ(sigaltstack(&stack, nullptr), 0);
+       tgkill(getpid(), gettid(), SIGUSR1);
+       EXPECT_EQ(sigaltstack(&none, nullptr), 0);
+     }},
+    {"deep recursion", false, [] { EXPECT_EQ(Recurse(20000), 20001); }},
+    {"anonymous code", false,
+     [] {
+       constexpr int kAll = PROT_READ | PROT_WRITE | PROT_EXEC;
+       void* const page = mmap(nullptr, 4096, kAll, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+       memcpy(page, reinterpret_cast<const void*>(&CallBare), 64);
+       __builtin___clear_cache(static_cast<char*>(page), static_cast<char*>(page) + 64);
+       reinterpret_cast<decltype(&CallBare)>(page)([] { Compute(50000); });
+       munmap(page, 4096);
+     }},
+    {"garbage return address", false, ReturnToGarbage},
+    // A call through a null pointer, under a handler that takes its time.
+    {"calls null", true, CallNull},
+    {"runs a coroutine", false, RunCoroutine},
+    {"changes ids", true, [] { EXPECT_EQ(setgid(getgid()), 0); },
+     false},  // by the unwinder's own signal
+    {"unwinds another", true,
+     [] {
+       unwindstack_wrapper unwinder;
+       EXPECT_TRUE(unwinder.unwind(getpid(), nullptr, 64)) << unwinder.error;
+       std::this_thread::sleep_for(std::chrono::seconds(3));  // the incident has waited
+     }},
+    {"waits in read", true,
+     [] {
+       char c = 0;
+       EXPECT_TRUE(read(g_pipe[0], &c, 1) == 1 && c == 'x') << "not restarted";
+     }},
+};
+
+struct Hostile {
+  explicit Hostile(const Kind& its_kind) : kind(its_kind) {}
+  void RunHostile() {
+    tid = gettid();
+    sigset_t mask = {}, now = {};
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    for (; g_running; ++steps) {
+      errno = 4711;
+      Compute(20000);
+      EXPECT_EQ(errno, 4711);
+      kind.step();
+      usleep(4000);
+      pthread_sigmask(SIG_BLOCK, nullptr, &now);
+      EXPECT_EQ(memcmp(&mask, &now, sizeof(mask)), 0);
+    }
+  }
+
+  const Kind& kind;
+  std::atomic<int> tid{0}, steps{0};
+  std::thread thread{&Hostile::RunHostile, this};
+};
+
+// The whole response to an expired watch, but for its rate limit. The text of its log.
+std::string MakeIncident(int tid) {
+  QuorvelInitLog(kStacks, false);
+  QuorvelInsertLogTitle(tid, "storm", time(nullptr));
+  QuorvelFlushLog();
+  QuorvelKernBacktrace(tid);
+  QuorvelUserBacktrace(tid);
+  QuorvelEndLog();
+  return test_root::ReadFile(QuorvelLastLogPath());
+}
+
+// How much slower than on an idle machine the calling thread ran, since construction: for each
+// second of processor time it waited so many for a processor.
+class Slowdown {
+ public:
+  double Factor() const {
+    const Times now = Now();
+    const double ran = now.ran - start_.ran, waited = now.waited - start_.waited;
+    return ran > 0 ? (ran + waited) / ran : 1;
+  }
+
+ private:
+  struct Times {
+    double ran = 0, waited = 0;
+  };
+  static Times Now() {
+    Times times;
+    std::ifstream("/proc/thread-self/schedstat") >> times.ran >> times.waited;
+    return times;
+  }
+
+  const Times start_ = Now();
+};
+
+class IncidentStorm : public testing::Test {
+ protected:
+  IncidentStorm() {
+    __android_log_set_logger([](const __android_log_message* message) {
+      partings_ += strstr(message->message, "handler to indicate it finished") != nullptr ||
+                   strstr(message->message, "unwind thread to indicate it completed") != nullptr;
+    });
+    struct sigaction action = {};
+    action.sa_handler = [](int) { Compute(100000); };
+    action.sa_flags = SA_ONSTACK | SA_RESTART;
+    EXPECT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    action.sa_sigaction = JumpBack;
+    action.sa_flags |= SA_SIGINFO;
+    EXPECT_EQ(sigaction(SIGSEGV, &action, nullptr), 0);
+    EXPECT_EQ(pipe(g_pipe), 0);
+    quorvel_init();
+    for (const Kind& kind : kKinds) {
+      if (kThreadSanitizer && !kind.under_tsan) continue;
+      for (int i = 0; i < kThreadsPerKind; ++i) threads_.emplace_back(kind);
+    }
+    for (const Hostile& thread : threads_) {
+      while (thread.tid == 0) sched_yield();
+    }
+  }
+  ~IncidentStorm() override {
+    g_running = false;
+    Feed();
+    for (Hostile& thread : threads_) {
+      thread.thread.join();
+      EXPECT_GT(thread.steps, 1) << thread.kind.name;
+    }
+  }
+
+  // For those who wait in read.
+  static void Feed() { EXPECT_EQ(write(g_pipe[1], "xxxxxxxxxxxxxxxxxxxx", 20), 20); }
+
+  // An incident ends in seconds, silences apart, as far as there are processors for it.
+  static void ExpectInTime(const std::string& text, double seconds, double slowdown) {
+    constexpr double kLimit = 20, kEmulatedLimit = 40, kSilence = 5;
+    double limit = (Emulated() ? kEmulatedLimit : kLimit) * slowdown;
+    for (size_t at = 0; (at = text.find("Unwind failed:", at)) != std::string::npos; ++at) {
+      limit += kSilence;
+    }
+    EXPECT_LT(seconds, limit) << "slower by " << slowdown;
+  }
+
+  void ExpectAllAccountedFor(const std::string& text) const {
+    for (const Hostile& thread : threads_) {
+      const std::string section = SectionOf(thread.tid, text);
+      SCOPED_TRACE(thread.kind.name + (" " + std::to_string(thread.tid)) + section);
+      EXPECT_NE(section, "") << text;
+      EXPECT_EQ(section.find("  #64 "), std::string::npos);
+      EXPECT_TRUE(!thread.kind.has_way_up || section.find("RunHostile") != std::string::npos);
+    }
+  }
+
+  static constexpr int kThreadsPerKind = 5;
+  // Of a thread, or of the unwinder, before the other is done.
+  static inline std::atomic<int> partings_{0};
+  std::deque<Hostile> threads_;
+};
+
+TEST_F(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) {
+  constexpr unsigned kHang = 300;  // seconds for one incident on a loaded machine
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(StormSeconds());
+  size_t incidents = 0;
+  for (; Clock::now() < end && !HasFailure(); ++incidents) {
+    alarm(kHang);
+    Feed();
+    const Clock::time_point start = Clock::now();
+    const Slowdown slowdown;
+    const std::string text = MakeIncident(threads_[incidents % threads_.size()].tid);
+    ExpectInTime(text, std::chrono::duration<double>(Clock::now() - start).count(),
+                 slowdown.Factor());
+    ExpectAllAccountedFor(text);
+  }
+  EXPECT_EQ(partings_, 0);
+  printf("%zu incidents with %zu hostile threads\n", incidents, threads_.size());
+}
+
+}  // namespace
