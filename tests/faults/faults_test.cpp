@@ -106,9 +106,59 @@ class Incident : public testing::Test {
     EXPECT_THAT(pauses_, testing::AnyOf(0, 4));
   }
 
+  // One incident for each error, in which every such call fails with it: the messages, in which {n}
+  // stands for its number and {s} for its text, and no other effect.
+  void ExpectWhileFailing(const char* call, const char* target, const Texts& messages,
+                          bool has_text = true, bool has_event = true) {
+    for (const int error : kErrors) {
+      if (error == EINTR) continue;
+      SCOPED_TRACE(std::string(call) + " " + target + ": " + strerror(error));
+      Fault fault = {call, target, error};
+      Respond(kMost, &fault);
+      if (Emulated() && fault.struck == nullptr) continue;  // a call for the stacks
+      EXPECT_NE(fault.struck, nullptr);
+      Texts expected = messages;
+      for (std::string& text : expected) {
+        Replace(&text, "{n}", std::to_string(error));
+        Replace(&text, "{s}", strerror(error));
+      }
+      EXPECT_EQ(Failures(), expected);
+      EXPECT_EQ(HasHeader(log_path_), has_text);
+      EXPECT_EQ(HasEvent(), has_event);
+      ExpectNextIsWell();
+    }
+  }
+
+  // One incident in a directory that the shell has prepared; $log is the path of the next file up
+  // to its last digit, $out a directory that is none of ours.
+  void ExpectAfter(const std::string& preparation, const Texts& failures, bool has_log) {
+    SCOPED_TRACE(preparation);
+    test_root::MakeEmptyDir("/outside");
+    const std::string out = test_root::Path("/outside");
+    test_root::WriteFile(out + "/precious", "untouched");
+    FillLogDir();
+    const std::string log = "quorvel@" + std::to_string(now_ + 61) + "00";
+    const std::string shell = "cd " + dir_ + "; out=" + out + "; log=" + log + "; ";
+    ASSERT_EQ(system((shell + preparation).c_str()), 0);
+    Respond(kLog);
+    EXPECT_EQ(Failures(), failures);
+    EXPECT_LE(pauses_, 4);
+    EXPECT_EQ(HasHeader(QuorvelLastLogPath()), has_log);
+    EXPECT_TRUE(failures == not_ready_ || LogFiles() <= 10);
+    EXPECT_EQ(test_root::List("/outside/"), Texts{"precious"});
+    EXPECT_EQ(ReadFile(out + "/precious"), "untouched");
+    umount2(dir_.c_str(), MNT_DETACH);
+  }
+
+  static void Replace(std::string* text, const std::string& what, const std::string& by) {
+    const size_t at = text->find(what);
+    if (at != std::string::npos) text->replace(at, what.size(), by);
+  }
+
   static inline time_t now_ = 1763315480;  // the rate limit lives as long as the process
   const std::string dir_ = test_root::Path(test_root::kLogDir);
   const std::string journal_ = test_root::Path(test_root::kJournal);
+  const Texts not_ready_ = {"log path " + dir_ + ", not ready, skip logging...\n"};
   std::string log_path_;
   int millisecond_ = 0, calls_ = 0, pauses_ = 0;
   ScopedFakes restore_;
@@ -147,55 +197,60 @@ TEST_F(FaultyCall, AnySingleOneDoesNotStopTheIncidentAndAnInterruptedOneIsMadeAg
   }
 }
 
-TEST_F(FaultyCall, ThatLastsGivesItsMessagesAndNoOtherEffect) {
-  const std::string tid = std::to_string(thread_.tid()), pid = std::to_string(getpid());
-  const std::string no_tids = "Fail to get tids in pid " + pid + "\n";
+TEST_F(FaultyCall, OnTheDirectoryOrTheFileLeavesTheIncidentWithoutText) {
+  ExpectWhileFailing("lstat", "*/quorvel", not_ready_, false);
+  ExpectWhileFailing("open", "*.log", {"OpenLogPath: open LOG fail, {n}\n"}, false);
+  ExpectWhileFailing("write", "*.log", {}, false);
+}
+
+TEST_F(FaultyCall, OnTheLockLeavesTheIncidentWithoutIt) {
+  ExpectWhileFailing("@(access|unlink)", "*/.lock", {});
+  ExpectWhileFailing("open", "*/.lock", {"GetStorageLock fail, {n}\n"});
+}
+
+TEST_F(FaultyCall, OfTheCleanUpLeavesTheFilesAsTheyAre) {
+  ExpectWhileFailing("open", "*/quorvel", {"CleanUpOldLog scandir fail, {n}\n"});
+  ExpectWhileFailing("scandirat", "*", {"CleanUpOldLog scandir fail, {n}\n"});
+  ExpectWhileFailing("unlinkat", "*", {});
+}
+
+TEST_F(FaultyCall, OnTheEventsConfigurationSendsNone) {
+  const Texts no_config = {"get dravik config fail, skip...\n"};
+  ExpectWhileFailing("open", "*.12.config", no_config, true, false);
+  ExpectWhileFailing("read", "*.12.config", no_config, true, false);
+}
+
+TEST_F(FaultyCall, OfTheListOfThreadsIsReportedForBothKindsOfStacks) {
+  const std::string pid = std::to_string(getpid()), no_tids = "Fail to get tids in pid " + pid;
+  const Texts no_process = {"failed to open /proc/" + pid + ": {s}", no_tids + "\n"};
+  const Texts no_tasks = {"failed to open task directory: {s}", no_tids + "\n"};
+  const auto twice = [](Texts texts) {
+    texts.insert(texts.end(), {texts[0], texts[1]});
+    return texts;
+  };
+  ExpectWhileFailing("open", "/proc/+([0-9])", twice(no_process));
+  ExpectWhileFailing("openat", "task", twice(no_tasks));
+  ExpectWhileFailing("fdopendir", "*", twice(no_tasks));
+}
+
+TEST_F(FaultyCall, OnAStackIsReportedForIt) {
+  const std::string tid = std::to_string(thread_.tid());
   const std::string no_unwind = "Unwind failed: tid = " + tid + ": ";
-  for (const int error : kErrors) {
-    if (error == EINTR) continue;
-    const std::string number = " fail, " + std::to_string(error) + "\n", text = strerror(error);
-    const std::string no_process = "failed to open /proc/" + pid + ": " + text;
-    const std::string no_tasks = "failed to open task directory: " + text;
-    const struct {
-      const char* call;
-      const char* target;
-      Texts messages;
-      bool has_text = true;
-    } rows[] = {
-        {"lstat", "*/quorvel", {"log path " + dir_ + ", not ready, skip logging...\n"}, false},
-        {"@(access|unlink)", "*/.lock", {}},
-        {"open", "*/.lock", {"GetStorageLock" + number}},
-        {"open", "*/quorvel", {"CleanUpOldLog scandir" + number}},
-        {"scandirat", "*", {"CleanUpOldLog scandir" + number}},
-        {"open", "*.log", {"OpenLogPath: open LOG" + number}, false},
-        {"write", "*.log", {}, false},
-        {"open", "*.12.config", {"get dravik config fail, skip...\n"}},
-        {"read", "*.12.config", {"get dravik config fail, skip...\n"}},
-        {"malloc", "*", {"malloc buff failed\n"}},
-        {"open", "/proc/self/task/*", {"get stack fail, skip...\n"}},
-        {"open", "/proc/+([0-9])", {no_process, no_tids, no_process, no_tids}},
-        {"openat", "task", {no_tasks, no_tids, no_tasks, no_tids}},
-        {"fdopendir", "*", {no_tasks, no_tids, no_tasks, no_tids}},
-        {"open", "*/maps", {no_unwind + "Fail to parse maps\n"}},
-        {"rt_sigaction", "*", {"_unwind_locked: sigaction failed: " + text, no_unwind + "\n"}},
-        {"tgkill",
-         "*",
-         {"_unwind_locked: cannot send signal 33 to " + tid + ", " + text, no_unwind + "\n"}},
-        {"@(fchmod|fsync|unlinkat|readdir|prctl|process_vm_readv|close)", "*", {}},
-        {"@(open|write)", "*/trace_marker", {}},
-    };
-    for (const auto& row : rows) {
-      SCOPED_TRACE(std::string(row.call) + " " + row.target + ": " + text);
-      Fault fault = {row.call, row.target, error};
-      Respond(kMost, &fault);
-      if (Emulated() && fault.struck == nullptr) continue;  // a call for the stacks
-      EXPECT_NE(fault.struck, nullptr);
-      EXPECT_EQ(Failures(), row.messages);
-      EXPECT_EQ(HasHeader(log_path_), row.has_text);
-      EXPECT_EQ(HasEvent(), strstr(row.target, "config") == nullptr);
-      ExpectNextIsWell();
-    }
+  const std::string no_signal = "_unwind_locked: cannot send signal 33 to " + tid + ", {s}";
+  ExpectWhileFailing("malloc", "*", {"malloc buff failed\n"});
+  ExpectWhileFailing("open", "/proc/self/task/*", {"get stack fail, skip...\n"});
+  ExpectWhileFailing("open", "*/maps", {no_unwind + "Fail to parse maps\n"});
+  ExpectWhileFailing("rt_sigaction", "*",
+                     {"_unwind_locked: sigaction failed: {s}", no_unwind + "\n"});
+  ExpectWhileFailing("tgkill", "*", {no_signal, no_unwind + "\n"});
+}
+
+TEST_F(FaultyCall, ThatNobodyExaminesIsMadeAllTheSame) {
+  for (const char* call : {"fchmod", "fsync"}) ExpectWhileFailing(call, "*.log", {});
+  for (const char* call : {"readdir", "prctl", "process_vm_readv", "close"}) {
+    ExpectWhileFailing(call, "*", {});
   }
+  for (const char* call : {"open", "write"}) ExpectWhileFailing(call, "*/trace_marker", {});
 }
 
 // Its removal seems to come too late each time.
@@ -211,7 +266,9 @@ TEST_F(FaultyCall, ALockMadeAgainAndAgainHoldsAnIncidentUpOnlyForHalfASecond) {
 
 TEST_F(FaultyExit, OfTwentyProcessesKilledAnywhereLeavesNoLockNoTornRecordAndNotTooManyFiles) {
   const std::string record_name = QuorvelRecoveryRecordName(false, "fault_tests");
-  std::mt19937 random(std::random_device{}());
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
   for (int killed = 0; killed < 200; ExpectNextIsWell()) {
     test_root::SetProperty(record_name, "0,1000000000");
     pid_t children[20];
@@ -241,55 +298,40 @@ TEST_F(FaultyExit, OfTwentyProcessesKilledAnywhereLeavesNoLockNoTornRecordAndNot
   }
 }
 
-TEST_F(Hostile, DirectoryOrDiskDoesNotStopAnIncidentOrLeadItOut) {
-  const bool may_mount =
-      unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-  if (!may_mount) puts("[  SKIPPED ] other disks: nobody may mount for himself alone here");
-  const Texts not_ready = {"log path " + dir_ + ", not ready, skip logging...\n"};
-  const struct {
-    const char* preparation;  // by the shell, in the directory; $log is the next file up to its
-                              // last digit
-    Texts failures;
-    bool has_log;
-  } kCases[] = {
-      {"rm -r $PWD", not_ready, false},
-      {"rm -r $PWD; touch $PWD", not_ready, false},
-      {"rm -r $PWD; ln -s $out $PWD", not_ready, false},
-      {"mkfifo .lock", {}, true},
-      {"mkdir .lock", {"GetStorageLock fail, 21\n"}, true},
-      {"ln -s $out/new .lock", {"GetStorageLock fail, 40\n"}, true},
-      {"ln -s $out/precious .lock", {}, true},
-      {"for i in 0 1 2 3; do ln -s $out/new ${log}$i.log; done", {}, false},
-      {"ln -s $out/precious ${log}0.log; mkfifo ${log}1.log; mkdir ${log}2.log", {}, true},
-      {"for i in a b c d e f g h i j k l; do mkfifo $i; ln -s $out/precious $i$i; done", {}, true},
-      {"touch '!%n%s%n' '!\nname' '!\xff\xfe' $(printf '!%0254d' 0)", {}, true},
-      {"mount -t tmpfs -o size=64k x $PWD; cd $PWD; yes 2> /dev/null > .full; true", {}, false},
-      {"mount -t tmpfs -o nr_inodes=20 x $PWD; cd $PWD; touch $(seq 30) 2> /dev/null; true",
-       {"GetStorageLock fail, 28\n"},  // and the log in the inode of an old one
-       true},
-      {"mount -t tmpfs -o ro x $PWD",
-       {"GetStorageLock fail, 30\n", "OpenLogPath: open LOG fail, 30\n"},
-       false},
-  };
-  for (const auto& c : kCases) {
-    if (!may_mount && strstr(c.preparation, "mount") != nullptr) continue;
-    SCOPED_TRACE(c.preparation);
-    test_root::MakeEmptyDir("/outside");
-    const std::string out = test_root::Path("/outside");
-    test_root::WriteFile(out + "/precious", "untouched");
-    FillLogDir();
-    const std::string log = "quorvel@" + std::to_string(now_ + 61) + "00";
-    const std::string shell = "cd " + dir_ + "; out=" + out + "; log=" + log + "; ";
-    ASSERT_EQ(system((shell + c.preparation).c_str()), 0);
-    Respond(kLog);
-    EXPECT_EQ(Failures(), c.failures);
-    EXPECT_LE(pauses_, 4);
-    EXPECT_EQ(HasHeader(QuorvelLastLogPath()), c.has_log);
-    EXPECT_TRUE(c.failures == not_ready || LogFiles() <= 10);
-    EXPECT_EQ(test_root::List("/outside/"), Texts{"precious"});
-    EXPECT_EQ(ReadFile(out + "/precious"), "untouched");
-    umount2(dir_.c_str(), MNT_DETACH);
+TEST_F(Hostile, WhatIsNoDirectoryIsNotReady) {
+  for (const char* preparation : {"true", "touch $PWD", "ln -s $out $PWD"}) {
+    ExpectAfter("rm -r $PWD; " + std::string(preparation), not_ready_, false);
   }
+}
+
+TEST_F(Hostile, LockOfAnotherKindIsNotFollowedOut) {
+  ExpectAfter("mkfifo .lock", {}, true);
+  ExpectAfter("mkdir .lock", {"GetStorageLock fail, 21\n"}, true);
+  ExpectAfter("ln -s $out/new .lock", {"GetStorageLock fail, 40\n"}, true);
+  ExpectAfter("ln -s $out/precious .lock", {}, true);
+}
+
+TEST_F(Hostile, NameThatIsTakenIsNotFollowedOutOrOverwritten) {
+  ExpectAfter("for i in 0 1 2 3; do ln -s $out/new ${log}$i.log; done", {}, false);
+  ExpectAfter("ln -s $out/precious ${log}0.log; mkfifo ${log}1.log; mkdir ${log}2.log", {}, true);
+}
+
+TEST_F(Hostile, EntriesOfOddKindsAndNamesDoNotDisturbTheCleanUp) {
+  ExpectAfter("for i in a b c d e f g h i j k l; do mkfifo $i; ln -s $out/precious $i$i; done", {},
+              true);
+  ExpectAfter("touch '!%n%s%n' '!\nname' '!\xff\xfe' $(printf '!%0254d' 0)", {}, true);
+}
+
+TEST_F(Hostile, DiskThatIsFullOrReadOnlyLosesNoMoreThanTheFile) {
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    GTEST_SKIP() << "nobody may mount for himself alone here";
+  const std::string mount = "mount -t tmpfs x $PWD; cd $PWD; mount -o remount,";
+  ExpectAfter(mount + "size=64k $PWD; yes 2> /dev/null > .full; true", {}, false);
+  // The log gets the inode of an old one.
+  ExpectAfter(mount + "nr_inodes=20 $PWD; touch $(seq 30) 2> /dev/null; true",
+              {"GetStorageLock fail, 28\n"}, true);
+  ExpectAfter(mount + "ro $PWD", {"GetStorageLock fail, 30\n", "OpenLogPath: open LOG fail, 30\n"},
+              false);
 }
 
 TEST_F(Hostile, NamesOfProgramAndWatchAreWrittenAsTheyAreOrTheirLineIsDropped) {
