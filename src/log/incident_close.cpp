@@ -17,19 +17,19 @@
 
 namespace {
 
-constexpr int kHangEvent = 12;
+constexpr int kHangEvent = 12;  // the service's number for this library
 constexpr int kConfigSize = 512;
 
 void CloseLog() {
   const int fd = QuorvelGetLogFd();
   if (fd < 0) return;
   fsync(fd);
-  QuorvelSetLogFd(-1);  // before its number may be another's
+  QuorvelSetLogFd(-1);  // before the number can be reused
   close(fd);
 }
 
-// Whether the service wants the event: only the first character of its configuration counts.
-bool EventSwitchedOn() {
+// Only the first character of the service's configuration counts.
+bool IsEventSwitchedOn() {
   char config[kConfigSize];
   memset_s(config, sizeof(config), 0, sizeof(config));
   if (dravik_get_config(kHangEvent, config, kConfigSize) != 0) {
@@ -62,7 +62,7 @@ void LeaveTraceMarker(const std::string& program) {
 
 void QuorvelEndLog() {
   CloseLog();
-  if (!EventSwitchedOn()) return;
+  if (!IsEventSwitchedOn()) return;
   const char* name = getprogname();
   if (name == nullptr) {
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "get progname is nullptr\n");

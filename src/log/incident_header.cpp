@@ -35,10 +35,10 @@ std::string BuildFingerprint() {
   return fingerprint;
 }
 
-// The text of ctime, newline included, in a buffer of our own: ctime's is shared with every thread
-// of the host. Empty when the time has no such text.
+// The text of ctime, newline included; empty if the time has none. ctime itself would use a buffer
+// that it shares with all threads of the host.
 struct LocalTimeText {
-  char text[64];
+  char text[64];  // ctime_r writes at most 26
   explicit LocalTimeText(time_t seconds) {
     if (ctime_r(&seconds, text) == nullptr) text[0] = '\0';
   }

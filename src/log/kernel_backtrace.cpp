@@ -20,15 +20,15 @@
 
 namespace {
 
-constexpr size_t kStackSize = 4096;
+constexpr size_t kStackSize = 4096;  // what DravikGetStack fills at most
 
 struct FreeDeleter {
   void operator()(char* memory) const { free(memory); }
 };
 using StackText = std::unique_ptr<char, FreeDeleter>;
 
-// Appends the section of one thread to the empty buffer. False, with a message, when there is
-// nothing to write.
+// Appends the section of one thread to the empty buffer, cut where the buffer is full. False, with
+// a message, when nothing was appended.
 bool ComposeSection(int tid, const char* stack) {
   if (QuorvelLogLength() == kLogBufferRoom) {
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "quorvel log buffer is full\n");
@@ -62,21 +62,22 @@ void QuorvelDumpKernel(int tid, bool echo) {
   QuorvelFlushLog();
 }
 
-// Set while a process that was not dumpable is.
-std::atomic<bool> g_dumpable_meanwhile{false};
+// Whether an undumpable process has been made dumpable for the time of a dump.
+std::atomic<bool> g_dumpable_for_dump{false};
 
-// The kernel shows the files under /proc/self only to a dumpable process.
+// Makes the process dumpable while it lives: only then may the process read its own stacks in
+// /proc.
 class ScopedDumpable {
  public:
   ScopedDumpable() : was_dumpable_(prctl(PR_GET_DUMPABLE) != 0) {
     if (was_dumpable_) return;
-    g_dumpable_meanwhile = true;
+    g_dumpable_for_dump = true;
     prctl(PR_SET_DUMPABLE, 1);
   }
   ~ScopedDumpable() {
     if (was_dumpable_) return;
     prctl(PR_SET_DUMPABLE, 0);
-    g_dumpable_meanwhile = false;
+    g_dumpable_for_dump = false;
   }
   ScopedDumpable(const ScopedDumpable&) = delete;
   ScopedDumpable& operator=(const ScopedDumpable&) = delete;
@@ -88,7 +89,7 @@ class ScopedDumpable {
 }  // namespace
 
 void QuorvelResetDumpableAfterFork() {
-  if (g_dumpable_meanwhile.exchange(false)) prctl(PR_SET_DUMPABLE, 0);
+  if (g_dumpable_for_dump.exchange(false)) prctl(PR_SET_DUMPABLE, 0);
 }
 
 void QuorvelKernBacktrace(int tid) {

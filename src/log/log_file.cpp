@@ -28,8 +28,8 @@ constexpr mode_t kLockMode = 0600;
 constexpr mode_t kCreateMode = 0640;
 constexpr mode_t kLogMode = 0644;
 
-// Made at load and never destroyed: the monitor thread may be inside an incident while another
-// thread runs the process's exit handlers.
+// Never destroyed: the monitor thread may be inside an incident while another thread runs the exit
+// handlers of the process.
 const std::string& LogDir = *new std::string(DevicePath("/data/log/reliability/quorvel/"));
 const std::string& VendorLogDir =
     *new std::string(DevicePath("/data/vendor/log/reliability/quorvel/"));
@@ -56,7 +56,7 @@ void LogStepFailure(const char* step, const char* what) {
   __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s%s fail, %d\n", step, what, errno);
 }
 
-// A symbolic link with a slash behind it stands for what it points to.
+// Of a path that ends in a slash, lstat and O_NOFOLLOW would follow the symbolic link.
 std::string WithoutSlash(const std::string& dir) {
   return dir.substr(0, dir.size() - 1);
 }
@@ -69,9 +69,9 @@ bool DirectoryReady(const std::string& dir) {
   return false;
 }
 
-// Waits until the lock file is gone; one that stays in place for five tests belongs to a process
-// that died and is removed. False, with errno set, when it cannot be removed or is made again and
-// again.
+// Waits until the lock file is gone. One that is still there at the fifth test was left by a
+// process that died, and is removed. False, with errno, when it cannot be removed or is created
+// again and again.
 bool WaitForLockToGo(const std::string& lock_path) {
   for (int test = 0; test < kLockTests; ++test) {
     if (test != 0) Pause();
@@ -88,7 +88,7 @@ bool WaitForLockToGo(const std::string& lock_path) {
   return false;
 }
 
-// Does not follow a symbolic link: what lies outside the directory is not ours to create.
+// Follows no symbolic link, as it must not create anything outside the directory.
 void GetStorageLock(const std::string& lock_path) {
   int fd = -1;
   if (WaitForLockToGo(lock_path))
@@ -104,8 +104,8 @@ void ReleaseStorageLock(const std::string& lock_path) {
   if (Exists(lock_path)) unlink(lock_path.c_str());
 }
 
-// Lists and removes relative to one descriptor: the files of this directory and no other, whatever
-// its path comes to mean meanwhile, and with the host's working directory left alone.
+// Lists and removes relative to one descriptor, so that only files of this directory are removed,
+// even if its path is replaced during the call, and the host's working directory stays as it is.
 void CleanUpOldLog(const std::string& dir) {
   struct dirent** entries = nullptr;
   const android::base::unique_fd dir_fd(
@@ -136,10 +136,10 @@ std::string NewLogPath(const std::string& dir) {
   return length < 0 ? std::string() : dir + name;
 }
 
-// Opens a file that nobody had before: the creation is exclusive, because two processes that pass
-// the lock at the same moment may draw the same millisecond. Returns the descriptor; -1 with errno
-// EEXIST when every attempt met an existing name, -1 with another errno when the open failed. path
-// is that of the last attempt.
+// Creates a file that did not exist. The creation is exclusive, because two processes that pass the
+// lock at the same moment may choose the same millisecond. Returns the descriptor, or -1 with
+// errno: EEXIST if every attempt met an existing name, else that of the open. path is that of the
+// last attempt.
 int OpenLogPath(const std::string& dir, std::string* path) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     *path = NewLogPath(dir);

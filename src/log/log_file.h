@@ -1,6 +1,7 @@
-// The incident's log file: one new file an incident, in the reliability log directory that every
-// process with this library shares. Opening runs under the directory's lock file and first removes
-// the oldest files, so that the directory holds at most ten. The directory itself is never created.
+// The log file: every incident gets a new one in the reliability log directory, which all processes
+// with this library share. It is opened under the directory's lock file, after the oldest files
+// have been removed, so that the directory holds at most ten. The directory itself is never
+// created.
 //
 // Monitor thread only.
 #ifndef QUORVEL_LOG_LOG_FILE_H_
@@ -15,14 +16,14 @@
 // the incident goes to the Android log alone. No incident may be open.
 void QuorvelInitLog(int flags, bool isVendor);
 
-// Full path of the log file that this process opened last; empty when it has opened none.
+// The full path of the log file that this process opened last; empty if it has opened none.
 const std::string& QuorvelLastLogPath();
 
-// What the clean-up counts (1) and what it leaves alone (0): regular files of any name that does
-// not begin with a dot.
+// Whether the clean-up counts an entry: 1 for regular files of any name that does not begin with a
+// dot, 0 for all others.
 int LogFilter(const dirent* entry);
 
-// The clean-up's order: names by byte value, which for log files is by age.
+// The clean-up's order: by the bytes of the names, which for log files is by age.
 int LogCompar(const dirent** a, const dirent** b);
 
 #endif  // QUORVEL_LOG_LOG_FILE_H_

@@ -23,7 +23,7 @@ char LogBuffer[kLogBufferSize];
 std::atomic<int> LogFd{-1};
 std::atomic<int> LogFlags{0};
 
-// Drops a line that does not fit whole: a later, shorter one may still.
+// A line that does not fit is dropped whole, never cut; a shorter one may still fit later.
 void CacheLine(const char* line, size_t length) {
   if (length + QuorvelLogLength() + 1 > kLogBufferSize) {
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "log too long, drop '%s'", line);

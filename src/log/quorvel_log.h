@@ -1,25 +1,25 @@
-// The incident's line buffer: all text of an incident but the user stacks passes through it on its
-// way to the log file. The room owns three pieces of state:
+// The line buffer of the incident log. All text of an incident except the user stacks passes
+// through it on its way to the file. Its state:
 //
 //     LogBuffer   text of the current section, NUL-terminated, at most 4095 characters
 //     LogFd       descriptor of the incident's open file, negative when there is none
-//     LogFlags    flags of the watch whose incident this is; kept until the next incident
+//     LogFlags    flags of the watch whose incident this is, kept until the next incident
 //
-// Threads: one incident at a time, on the monitor thread, without a lock. QuorvelPrintLine is also
-// the clients': they may call it from any thread while no incident is being written, so LogFd and
-// LogFlags are atomics.
+// Only the monitor thread calls these functions, for one incident at a time, without a lock.
+// QuorvelPrintLine is exported: clients may call it on any thread while no incident is being
+// written, therefore LogFd and LogFlags are atomic.
 #ifndef QUORVEL_LOG_QUORVEL_LOG_H_
 #define QUORVEL_LOG_QUORVEL_LOG_H_
 
 #include <stddef.h>
 
 constexpr size_t kLogBufferSize = 4096;
-constexpr size_t kLogBufferRoom = kLogBufferSize - 1;
+constexpr size_t kLogBufferRoom = kLogBufferSize - 1;  // without the NUL
 
 // Begins an incident: records the flags and clears the buffer. Does not touch the descriptor.
 void QuorvelBeginLog(int flags);
 
-// Makes fd the incident's file (-1: none). The caller has closed the one before.
+// Makes fd the incident's file; -1 for none. The caller has closed the previous one.
 void QuorvelSetLogFd(int fd);
 int QuorvelGetLogFd();
 int QuorvelGetLogFlags();
@@ -30,15 +30,15 @@ void QuorvelClearLog();
 const char* QuorvelLogText();
 size_t QuorvelLogLength();
 
-// Appends at most count characters of text; no more than kLogBufferRoom - QuorvelLogLength() may be
-// asked for. The result of strncat_s: 0 on success.
+// Appends at most count characters of text. count must not exceed kLogBufferRoom -
+// QuorvelLogLength(). Returns the result of strncat_s: 0 on success.
 int QuorvelAppendLog(const char* text, size_t count);
 
-// Writes the buffer's text to the file in one write, repeated only while it fails with EINTR. Any
-// other failure and a short count are let be. The buffer keeps its text.
+// Writes the buffer's text to the file in one write, which is retried only on EINTR; any other
+// failure and a short count are ignored. The buffer keeps its text.
 void QuorvelFlushLog();
 
-// In the child of a fork: closes its copy of the parent's incident file.
+// In the child of a fork: closes the copy of the parent's incident file.
 void QuorvelDropLogAfterFork();
 
 #endif  // QUORVEL_LOG_QUORVEL_LOG_H_

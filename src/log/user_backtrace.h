@@ -2,8 +2,8 @@
 #ifndef QUORVEL_LOG_USER_BACKTRACE_H_
 #define QUORVEL_LOG_USER_BACKTRACE_H_
 
-// Unwinds every thread of the process and writes one section a thread straight to the incident's
-// file: tid first, then the others in ascending order, without the calling thread. Every line also
+// Unwinds every thread of the process except the calling one and writes one section a thread
+// straight to the incident's file: tid first, then the others in ascending order. Every line also
 // goes to the Android log. Does nothing when no incident file is open. Each thread is stopped only
 // while its own stack is read; one that does not answer costs five seconds. Monitor thread only.
 void QuorvelUserBacktrace(int tid);

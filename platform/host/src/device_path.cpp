@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kMaxLine = 1000;
+constexpr size_t kMaxLine = 1000;  // of a message, so that it goes out in one piece
 
 void SayNotAbsolute(const char* variable) {
   std::string line = std::string("quorvel: QUORVEL_HOST_ROOT is not an absolute path: ") + variable;
@@ -17,8 +17,8 @@ void SayNotAbsolute(const char* variable) {
   WriteToStandardError(&part, 1, true);
 }
 
-// Without slashes at its end; empty for the real root. Never destroyed: the monitor thread may need
-// it while exit handlers run.
+// The root without slashes at its end; empty for the real root. Never destroyed, as the monitor
+// thread may need it while exit handlers run.
 const std::string& Root() {
   static const std::string& root = *[] {
     auto* value = new std::string;
@@ -35,7 +35,7 @@ const std::string& Root() {
   return root;
 }
 
-// The kernel reports paths with every symbolic link resolved.
+// The root as the kernel reports paths: with every symbolic link resolved.
 const std::string& ResolvedRoot() {
   static const std::string& root = *[] {
     char resolved[PATH_MAX];

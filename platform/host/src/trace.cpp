@@ -9,7 +9,7 @@
 
 #include <string>
 
-// Called by the inline functions of the header alone, which declares them nowhere else.
+// Only the inline functions of the header call these, and it declares them only there.
 extern "C" {
 void atrace_begin_body(const char* name);
 void atrace_end_body(void);
