@@ -185,6 +185,7 @@ def main():
     results = {"load": os.getloadavg()[0], "frames": FRAMES}
     monitor = Monitor(build)
     results["watch"], _ = google_benchmark(build, "watch_bench")
+    results["cpp"], _ = google_benchmark(build, "watch_hpp_bench")
     results["crowded"] = crowded_core(build)
     results["tick"], results["allocations"] = google_benchmark(build, "tick_bench")
     results["incidents"] = {count: measure_incidents(build, count) for count in THREAD_COUNTS}

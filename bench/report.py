@@ -89,6 +89,7 @@ class Report:
         page += table(["start + end and 1.5 µs of work: threads",
                        *(RIVALS[rival] for rival in COMPARED)], *rows) + "\n"
         page += f"The lock and counter operations of a pair alone, one thread: {bare:.0f} ns\n\n"
+        page += self.cpp_header() + "\n"
         page += self.crowded_core()
         self.goal("start + end with 127 other watches armed, over an empty registry",
                   times["start_end_127_armed/quorvel"] / times["start_end/quorvel/threads:1"],
@@ -106,6 +107,17 @@ class Report:
         self.goal("armed and quiet: wake-ups a second", quiet["wakeups_per_second"], "≤", 1.01)
         self.watch_plot()
         return page
+
+    def cpp_header(self):
+        """The same pair through the C++ headers."""
+        titles = {"c_calls": "the two calls of C", "watch": "`quorvel::Watch`",
+                  "watch_with_callable": "`quorvel::Watch` with a small callable",
+                  "measured_watch": "`quorvel::MeasuredWatch`"}
+        times = {name: median(self.results["cpp"][name]) for name in titles}
+        self.goal("start + end by quorvel::Watch without a callable, over the calls of C",
+                  times["watch"] / times["c_calls"], "≤", 1.05, " ×")
+        rows = [[title, f"{times[name]:.0f} ns"] for name, title in titles.items()]
+        return table(["start + end, one thread", "time"], *rows)
 
     def crowded_core(self):
         """A pair a millisecond beside a thread that starts and ends in a loop on the same core."""
