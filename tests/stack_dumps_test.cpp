@@ -27,8 +27,9 @@ class StackDumps : public testing::Test {
   StackDumps() {
     QuorvelBeginLog(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
     QuorvelSetLogFd(open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_TRUNC | O_CLOEXEC, 0600));
-    fakes.DravikGetStack = [this](int, char* buffer) {
+    fakes.DravikGetStack = [this](int tid, char* buffer) {
       EXPECT_EQ(prctl(PR_GET_DUMPABLE), 1);
+      asked_.push_back(tid);
       return snprintf(buffer, 4096, "%s", stack_.c_str()) < 0;
     };
     // An emulator has a thread of its own here.
@@ -43,13 +44,15 @@ class StackDumps : public testing::Test {
     QuorvelSetLogFd(-1);
   }
 
+  static constexpr size_t kBuffer = 4095;  // characters
+
   // What the file has, and what of the kernel stacks it should have.
   std::string File() const { return test_root::ReadFile(path_); }
   std::string Sections() const {
     std::string text;
     for (const int tid : tids_) {
       const std::string section = "\nkernel stack tid = " + std::to_string(tid) + "\n" + stack_;
-      text += section.substr(0, 4095);  // the buffer's room
+      text += section.substr(0, kBuffer);
     }
     return text;
   }
@@ -57,89 +60,151 @@ class StackDumps : public testing::Test {
   static void Sleep(const std::atomic<bool>& stop) {
     while (!stop) usleep(1000);
   }
+  // The ids in the file's headers of user stacks.
+  std::vector<int> Dumped() const {
+    const std::string text = File();
+    std::vector<int> tids;
+    for (size_t at = 0; (at = text.find("tid = ", at)) != text.npos; at += 6) {
+      tids.push_back(std::stoi(text.substr(at + 6)));
+    }
+    return tids;
+  }
+
   ScopedFakes restore_;  // once the threads are gone, which call some of them
   ParkedThread other_{Sleep}, watched_{Sleep}, another_{Sleep};
   std::vector<int> tids_ = {watched_.tid()};  // in their order
+  std::vector<int> asked_;
   const std::string path_ = test_root::Path("/dumps.txt");
   std::string stack_ = "in_the_kernel\n";
   LogCapture log_;
 };
 
-TEST_F(StackDumps, WatchedThreadFirstThenTheOthersInOrderAndNeverTheCaller) {
+TEST_F(StackDumps, UserStacksAreOfTheWatchedThreadThenOfTheOthersInOrderAndNotOfTheCaller) {
   QuorvelUserBacktrace(watched_.tid());
-  const std::string text = File();
-  std::vector<int> found;
-  for (size_t at = 0; (at = text.find("tid = ", at)) != text.npos; at += 6) {
-    found.push_back(std::stoi(text.substr(at + 6)));
-  }
-  EXPECT_EQ(found, tids_);
-  EXPECT_EQ(text.find("\ntid = " + std::to_string(watched_.tid()) + "\n  #00 pc "), 0u);
+  EXPECT_EQ(Dumped(), tids_);
+  EXPECT_EQ(File().find("\ntid = " + std::to_string(watched_.tid()) + "\n  #00 pc "), 0u);
+}
+
+TEST_F(StackDumps, UserStacksAreEchoedLineByLine) {
+  QuorvelUserBacktrace(watched_.tid());
   std::string echoed;
   for (const std::string& line : log_.Lines("E/QUORVEL: ")) {
     echoed += line + (line.back() == '\n' ? "" : "\n");
   }
-  EXPECT_EQ(echoed, text);
+  EXPECT_EQ(echoed, File());
+}
+
+TEST_F(StackDumps, AWatchedThreadThatIsGoneHasALineAndTheOthersFollow) {
+  watched_.Stop();
+  QuorvelUserBacktrace(watched_.tid());
+  const std::string line = "Unwind failed: tid = " + std::to_string(watched_.tid()) + ": \n";
+  EXPECT_EQ(File().find(line), 0u);
+  EXPECT_EQ(Dumped(), tids_);
+  EXPECT_THAT(log_.Lines("E/QUORVEL: "), testing::Contains(line));
+}
+
+TEST_F(StackDumps, WithoutAFileNoUserStackAndOneKernelStackIsWritten) {
+  close(QuorvelGetLogFd());
+  QuorvelSetLogFd(-1);
+  QuorvelUserBacktrace(watched_.tid());
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+  QuorvelKernBacktrace(watched_.tid());
+  EXPECT_THAT(log_.Lines("E/QUORVEL: "), testing::Contains(stack_));
+}
+
+TEST_F(StackDumps, KernelStacksAreThoseOfTheirThreads) {
+  QuorvelKernBacktrace(watched_.tid());
+  EXPECT_EQ(asked_, tids_);
+  EXPECT_EQ(File(), Sections());
 }
 
 TEST_F(StackDumps, AKernelStackIsCutWhereTheBufferIsFullAndItsEchoWhereTheLogCutsIt) {
-  const size_t room = 4095 - (Sections().size() / tids_.size() - stack_.size());
-  for (const size_t size :
-       {size_t{1}, room - 1, room, room + 1, size_t{4094}, size_t{4095}, size_t{5000}}) {
+  constexpr size_t kMessage = 1023;
+  const size_t space = kBuffer - (Sections().size() / tids_.size() - stack_.size());
+  for (const size_t size : {size_t{1}, space - 1, space, space + 1, kBuffer, size_t{5000}}) {
     log_.Clear();
     ASSERT_EQ(truncate(path_.c_str(), 0), 0);
     stack_.assign(size, 'k');
     QuorvelKernBacktrace(watched_.tid());
     EXPECT_TRUE(File() == Sections()) << size;
-    EXPECT_THAT(log_.Lines("E/QUORVEL: "), ElementsAre(stack_.substr(0, 1023)));
+    EXPECT_THAT(log_.Lines("E/QUORVEL: "), ElementsAre(stack_.substr(0, kMessage)));
   }
 }
 
-TEST_F(StackDumps, TheProcessIsDumpableOnlyMeanwhileEvenIfItsThreadsCannotBeListed) {
-  fakes.pthread_create = [](void* (*)(void*)) { return 0; };
-  quorvel_init();
-  int dumpable_children = 0;
-  fakes.DravikGetStack = [&](int, char*) {
-    const pid_t child = Emulated() ? -1 : fork();
-    if (child == 0) _exit(prctl(PR_GET_DUMPABLE));
-    int status = 0;
-    waitpid(child, &status, 0);
-    dumpable_children += status != 0;
-    return -1;
-  };
+// The kernel shows a stack only to a dumpable process.
+class StackDumpsDumpable : public StackDumps, public testing::WithParamInterface<int> {
+ protected:
+  StackDumpsDumpable() { EXPECT_EQ(prctl(PR_SET_DUMPABLE, GetParam()), 0); }
+  ~StackDumpsDumpable() override { prctl(PR_SET_DUMPABLE, 1); }
+};
+INSTANTIATE_TEST_SUITE_P(, StackDumpsDumpable, testing::Values(0, 1));
+
+TEST_P(StackDumpsDumpable, IsAsBeforeAfterwards) {
+  QuorvelKernBacktrace(watched_.tid());
+  EXPECT_FALSE(asked_.empty());
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE), GetParam());
+}
+
+TEST_P(StackDumpsDumpable, IsAsBeforeIfTheThreadsCannotBeListed) {
   rlimit files;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
-  for (const int dumpable : {0, 1}) {
-    for (const rlim_t limit : {files.rlim_cur, rlim_t{0}}) {
-      const rlimit limits = {limit, files.rlim_max};
-      ASSERT_EQ(prctl(PR_SET_DUMPABLE, dumpable), 0);
-      log_.Clear();
-      setrlimit(RLIMIT_NOFILE, &limits);
-      QuorvelKernBacktrace(watched_.tid());
-      setrlimit(RLIMIT_NOFILE, &files);
-      EXPECT_EQ(prctl(PR_GET_DUMPABLE), dumpable);
-      EXPECT_EQ(dumpable_children != 0, dumpable != 0 && !Emulated());
-      EXPECT_EQ(log_.Has("Fail to get tids in pid "), limit == 0);
-    }
-  }
+  const rlimit none = {0, files.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  QuorvelKernBacktrace(watched_.tid());
+  setrlimit(RLIMIT_NOFILE, &files);
+  EXPECT_TRUE(log_.Has("Fail to get tids in pid " + std::to_string(getpid()) + "\n"));
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE), GetParam());
 }
 
-TEST(StackDumpsTest, ThreadsAreReadFromNamesThatAreTheirIds) {
-  const char* const names[] = {"42", " 43", "0x1f", "007",        "2147483647",
-                               "0",  "-1",  "0x",   "2147483648", "12abc"};
-  const int results[] = {42, 43, 31, 7, INT_MAX, -ERANGE, -ERANGE, -EINVAL, -ERANGE, -EINVAL};
-  for (size_t i = 0; i < std::size(names); ++i) {
-    const std::string name = names[i];
-    const int result = results[i];
-    SCOPED_TRACE(name);
-    const LogCapture log;
+TEST_P(StackDumpsDumpable, IsAsBeforeInAChildForkedMeanwhile) {
+  SKIP_UNDER_EMULATION("a forked child may hang");
+  fakes.pthread_create = [](void* (*)(void*)) { return 0; };
+  quorvel_init();
+  fakes.DravikGetStack = [](int, char*) {
+    const pid_t child = fork();
+    if (child == 0) _exit(prctl(PR_GET_DUMPABLE));
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), GetParam());
+    return -1;
+  };
+  QuorvelKernBacktrace(watched_.tid());
+}
+
+// A directory of tasks with one entry.
+class StackDumpsTask : public testing::Test {
+ protected:
+  bool List(const std::string& name) {
+    tids_.clear();
+    log_.Clear();
     test_root::RemoveTree("/fake");
     test_root::MakeEmptyDir("/fake/task/" + name);
     const android::base::unique_fd fd(open(test_root::Path("/fake").c_str(), O_RDONLY));
-    std::set<int> tids;
     errno = 0;
-    EXPECT_EQ(GetProcessTidsFromProcPidFd(fd, &tids), result > 0);
-    EXPECT_EQ(tids.empty() ? -errno : *tids.begin(), result);
-    EXPECT_EQ(log.Has("failed to parse task id: " + name), result < 0);
+    return GetProcessTidsFromProcPidFd(fd, &tids_);
+  }
+
+  std::set<int> tids_;
+  LogCapture log_;
+};
+
+TEST_F(StackDumpsTask, IsReadAsAnyCIntegerThatIsAThreadId) {
+  const std::pair<const char*, int> ids[] = {
+      {"42", 42}, {" 43", 43}, {"0x1f", 31}, {"007", 7}, {"2147483647", INT_MAX}};
+  for (const auto& [name, tid] : ids) {
+    EXPECT_TRUE(List(name)) << name;
+    EXPECT_THAT(tids_, ElementsAre(tid));
+  }
+}
+
+TEST_F(StackDumpsTask, OfAnotherNameIsAFailureWithItsName) {
+  const std::pair<const char*, int> names[] = {
+      {"0", ERANGE}, {"-1", ERANGE}, {"2147483648", ERANGE}, {"0x", EINVAL}, {"12abc", EINVAL}};
+  for (const auto& [name, error] : names) {
+    EXPECT_FALSE(List(name)) << name;
+    EXPECT_EQ(errno, error) << name;
+    EXPECT_THAT(tids_, testing::IsEmpty());
+    EXPECT_TRUE(log_.Has(std::string("failed to parse task id: ") + name));
   }
 }
 
