@@ -39,7 +39,7 @@ void* realloc(void* memory, size_t size) {
   return __libc_realloc(memory, size);
 }
 
-// The library's monitor never comes to its first tick (--wrap): all ticks here are the bench's.
+// The library's monitor never gets to its first tick (--wrap): all ticks here are the bench's.
 unsigned __wrap_sleep(unsigned seconds);
 unsigned __wrap_sleep(unsigned) {
   for (;;) pause();

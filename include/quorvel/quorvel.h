@@ -18,12 +18,18 @@
  *   - None of them is async-signal-safe: do not call them from a signal handler.
  *   - Problems are reported by the result and, where said, by a line in the Android log under the
  *     tag "QUORVEL".
- *   - A start, an update and an end cost well under a microsecond: no allocation, no file access,
- *     no lock held beyond a constant-time list operation.
+ *   - Cost: a start and an end allocate nothing, open nothing, and hold a mutex for a constant-time
+ *     list operation; an update does too. Each takes well under a microsecond while no other thread
+ *     holds the mutex and the monitor is ticking. With nothing armed for three seconds the monitor
+ *     waits: the next start wakes it, a system call that takes some microseconds.
  *   - fork: the child has no monitor thread and no watches. There the watch calls refuse until the
- *     child calls quorvel_init itself, which gives it a registry and a monitor of its own; an
- *     incident of the parent that was open at the fork stays the parent's. Ids of the parent mean
- *     nothing in the child. exec needs no care: all descriptors are close-on-exec.
+ *     child calls quorvel_init itself, which gives it a registry, a monitor and a rate limit of its
+ *     own; ids of the parent mean nothing in it. An incident that was open at the fork stays the
+ *     parent's. quorvel_init may also be called in a fork handler, even one registered before the
+ *     library's own (the first quorvel_init registers that one). Not possible in such an early
+ *     handler: a start, update or end before quorvel_init. The library does not know yet that it is
+ *     in a child, and a mutex that another thread of the parent held stays locked for ever.
+ *     exec needs no care: all descriptors are close-on-exec.
  *   - dlclose: the library stays loaded once it has been loaded.
  *
  * Not supported: more than 128 armed watches at once, deadlines finer than a second, stopping the
@@ -53,18 +59,48 @@ extern "C" {
 /*
  * Start flags, to be or-ed together. Other bits have no effect.
  *
- * Watches with LOG or BACKTRACE share a rate limit for the whole process: the first incident opens
- * a period of 60 seconds, five more may follow in such periods over the life of the process; after
- * that only one incident a period goes through. A watch whose incident is dropped gets no callback.
+ * Rate limit: watches with LOG or BACKTRACE share one for the whole process. The first incident
+ * opens a period of 60 seconds, five more may follow in such periods over the life of the process;
+ * after that only one incident a period goes through. One that is dropped is announced in the
+ * Android log and has nothing else: no file, no callback, no stacks, no hang event, no exit.
+ *
+ * BACKTRACE stops each thread for as long as its stack is read, by signal 33. What it interrupts,
+ * in all threads of the process, are calls that the kernel does not restart after a signal handler:
+ * they fail with EINTR or return early.
+ *   - sleeps: nanosleep, clock_nanosleep, usleep, sleep
+ *   - polls: poll, select, epoll_wait and their variants
+ *   - waits with a time limit or for a signal: semtimedop, semop, msgrcv, msgsnd, sigtimedwait,
+ *     sigwaitinfo, sigsuspend, pause, io_getevents
+ *   - socket calls on a socket with a timeout (SO_RCVTIMEO, SO_SNDTIMEO)
+ *   - a blocking write or send that had moved some bytes returns how many
+ * A thread that does not answer the signal costs the monitor five seconds (on a device up to ten if
+ * it is inside the allocator): one that blocks signal 33, is stopped, has called pthread_exit as
+ * the first thread of its process, was made by a bare clone and shares another's thread-local
+ * storage, or is a worker that the kernel made for io_uring.
  */
-#define QUORVEL_FLAG_LOG UINT32_C(1) /* write the incident into a log file of its own */
-#define QUORVEL_FLAG_BACKTRACE                                    \
-  UINT32_C(2) /* kernel and user stacks of every thread; the user \
-                 stacks only together with QUORVEL_FLAG_LOG */
-#define QUORVEL_FLAG_RECOVERY                                                               \
-  UINT32_C(4)                             /* then end the process with _exit(1), unless the \
-                                             recovery switch or the recovery limit forbids it */
-#define QUORVEL_FLAG_SYSTRACE UINT32_C(8) /* the hang event asks for a copy of the system trace */
+
+/* Writes the incident into a log file of its own. */
+#define QUORVEL_FLAG_LOG UINT32_C(1)
+
+/*
+ * Kernel and user stacks of every thread, that of the watch's thread first. With LOG the file gets
+ * all of them; the Android log gets the watch's thread's kernel stack, cut at 1023 characters on
+ * its way, and every user stack. Without LOG the Android log gets that one kernel stack and there
+ * are no user stacks.
+ */
+#define QUORVEL_FLAG_BACKTRACE UINT32_C(2)
+
+/*
+ * Afterwards the process ends with _exit(1), unless the recovery switch or the recovery limit
+ * forbids it. Together with LOG or BACKTRACE only as long as the rate limit lets the incident
+ * through: once it is spent, a hung process goes on. To have it end all the
+ * same, start a second watch over the same work, after the first and with this flag alone: that one
+ * is not rate-limited.
+ */
+#define QUORVEL_FLAG_RECOVERY UINT32_C(4)
+
+/* The hang event asks for a copy of the system trace. */
+#define QUORVEL_FLAG_SYSTRACE UINT32_C(8)
 
 /*
  * Called when a watch has expired, with the arg of its start call.
@@ -73,6 +109,13 @@ extern "C" {
  * stacks are; no lock of the library is held, so it may start, update and end watches (the expired
  * watch itself is already gone: its id is refused). While it runs no other watch can fire: a
  * callback that blocks stops the monitor. It must return normally: no exception, no pthread_exit.
+ *
+ * Signals: that thread blocks all but those that a fault raises (SIGSEGV, SIGBUS, SIGILL, SIGFPE,
+ * SIGTRAP, SIGSYS) and those that the C library keeps for itself (32 and 33), and so does a program
+ * that the callback executes unless it resets its mask.
+ *
+ * fork: the child of a callback that forks is no monitor. When the callback returns in it, its
+ * thread ends; where that is the child's only thread, the child ends with _exit(0).
  */
 typedef void (*QuorvelCallback)(void* arg);
 
@@ -81,9 +124,10 @@ typedef void (*QuorvelCallback)(void* arg);
  * thread (named "quorvel"). Later calls only look again where the executable lies: one whose path
  * begins with "/vendor" uses the vendor log directory and the vendor recovery properties.
  *
- * Call it from an ordinary thread before the first start. The monitor thread inherits the caller's
- * signal mask. If the thread cannot be created, "pthread_create return fail, QuorvelManagerInit" is
- * logged, the watch calls keep refusing, and the next quorvel_init tries again.
+ * Call it from an ordinary thread before the first start. The monitor thread takes no signal that
+ * is meant for your process, whatever mask the caller has. If the thread cannot be created,
+ * "pthread_create return fail, QuorvelManagerInit" is logged, the watch calls keep refusing, and
+ * the next quorvel_init tries again.
  */
 QUORVEL_EXPORT void quorvel_init(void);
 

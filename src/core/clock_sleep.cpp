@@ -4,11 +4,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <limits>
+
 namespace {
 
-constexpr long kNanosPerSecond = 1000000000;
-constexpr long kCloseEnoughNanos = 100000000;
-constexpr long kMicrosPerSecond = 1000000;
+constexpr long kNanosPerSecond = 1'000'000'000;
+constexpr long kNanosPerMicro = 1000;
+constexpr long kMicrosPerSecond = 1'000'000;
+constexpr long kCloseEnoughNanos = 100'000'000;
 constexpr long kMaxChunkSeconds = 10;
 
 struct timespec BootTime() {
@@ -31,11 +34,11 @@ struct timespec Remaining(const struct timespec& deadline, const struct timespec
   return left;
 }
 
-// Seconds beyond the clock's range wait until its end, which is for ever.
+// A deadline beyond the clock's range is the end of that range.
 time_t DeadlineSecond(time_t now, unsigned long seconds) {
   time_t deadline;
   if (__builtin_add_overflow(now, seconds, &deadline)) {
-    return static_cast<time_t>((~0ul) >> 1);
+    return std::numeric_limits<time_t>::max();
   }
   return deadline;
 }
@@ -51,6 +54,6 @@ void quorvel_clock_sleep(unsigned long seconds) {
     const struct timespec left = Remaining(deadline, now);
     if (left.tv_sec == 0 && left.tv_nsec < kCloseEnoughNanos) return;
     usleep(static_cast<useconds_t>((left.tv_sec % kMaxChunkSeconds) * kMicrosPerSecond +
-                                   left.tv_nsec / 1000));
+                                   left.tv_nsec / kNanosPerMicro));
   }
 }

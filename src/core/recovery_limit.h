@@ -1,27 +1,27 @@
-// The recovery limit: how often this program may be ended by the library. It is kept outside the
-// process, in a system property named after the program: five times without pause, and from then on
-// once every half hour.
+// The recovery limit: the library may end a program five times without pause, and from then on once
+// every half hour. The count is kept outside the process, in a system property named after the
+// program.
 #ifndef QUORVEL_CORE_RECOVERY_LIMIT_H_
 #define QUORVEL_CORE_RECOVERY_LIMIT_H_
 
 #include <cstdint>
 #include <string>
 
-// Ends the process with _exit(1), after counting that in the recovery record, unless the recovery
-// switch or the limit forbids it; then it says so in the log and returns. Monitor thread only.
+// Counts one more exit in the recovery record and ends the process with _exit(1). Returns, after
+// logging why, where the recovery switch or the limit forbids that. Monitor thread only.
 void QuorvelRecover(bool is_vendor);
 
-// Logs that the process is not to be ended: its watch does not ask for it, or the switch is off.
+// Logs that the process goes on: its watch does not ask for the exit, or the switch is off.
 void QuorvelSayRecoveryNotSet();
 
-// The steps of it.
+// The steps of QuorvelRecover. Any thread; they keep no state.
 
 struct QuorvelRecoveryRecord {
   int32_t count;  // how often the program has been ended
   int64_t time;   // wall-clock second of the last time
 };
 
-// The System V ABI's hash of a symbol name, below 2^28.
+// The hash of a symbol name in the System V ABI (its chapter on the hash table); below 2^28.
 uint32_t QuorvelElfHash(const char* name);
 
 // The property that holds the recovery record of the program of this name.

@@ -27,8 +27,8 @@ constexpr char kVendorPrefix[] = "/vendor";
 
 QuorvelMutex g_init_lock;
 
-// Set under the init lock once registry and monitor stand; read without it. Release and acquire
-// make whoever sees it set see them built.
+// Set under the init lock once the registry is built and the monitor runs; read without it. Release
+// and acquire make sure that a thread that sees it set sees the registry built.
 std::atomic<bool> g_initialised{false};
 
 bool Initialised() {

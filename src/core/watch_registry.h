@@ -94,13 +94,13 @@ inline uint32_t QuorvelEndedCount() {
   return g_registry.ended.load();
 }
 
-// Takes a node off whatever list it is on.
+// Unlinks a node from the list that it is on.
 inline void QuorvelUnlinkNode(QuorvelNode* node) QUORVEL_REQUIRES(g_registry.lock) {
   node->link.prev->next = node->link.next;
   node->link.next->prev = node->link.prev;
 }
 
-// Takes the head of the free list off it and forms its id; null when no node is free.
+// Unlinks the head of the free list and forms its id; null when no node is free.
 inline QuorvelNode* QuorvelGetFreeNode() QUORVEL_REQUIRES(g_registry.lock) {
   if (QuorvelIsEmpty(g_registry.free_list)) return nullptr;
   QuorvelNode* node = QuorvelNodeOf(g_registry.free_list.next);
@@ -124,13 +124,13 @@ inline void QuorvelInsertWheel(QuorvelNode* node, int32_t timeout)
   QuorvelAppendTail(&g_registry.wheel[slot], &node->link);
 }
 
-// Whether the low bits of id name a node at all. Needs no lock.
+// Whether the low bits of id are the index of a node. Needs no lock.
 inline bool QuorvelIdHasIndex(uint32_t id) {
   return (id & kIdIndexMask) < static_cast<uint32_t>(kPoolSize);
 }
 
-// The armed node that carries exactly this id; null when the watch was ended, has expired or never
-// was. The id must have an index.
+// The armed node whose id is exactly this one; null when the watch was ended, has expired or never
+// was started. The id must have passed QuorvelIdHasIndex.
 inline QuorvelNode* QuorvelFindNode(uint32_t id) QUORVEL_REQUIRES(g_registry.lock) {
   QuorvelNode* node = &g_registry.pool[id & kIdIndexMask];
   return node->id == id ? node : nullptr;

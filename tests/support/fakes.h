@@ -24,7 +24,7 @@ struct Fakes {
 // Set only by the test, while no other thread is in the library.
 extern Fakes fakes;
 
-// Puts all of them back at the end of a test.
+// Restores all of them at the end of a test.
 struct ScopedFakes {
   ~ScopedFakes() { fakes = Fakes(); }
 };

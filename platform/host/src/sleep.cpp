@@ -1,8 +1,10 @@
-// sleep, as the device has it: nothing that is not meant for the thread cuts it short. Here a
-// setuid of the C library signals every thread, and what is left of a sleep is rounded down to
-// nothing: a host that changes its ids often would have the monitor's seconds pass in no time.
+// sleep, for the monitor's ticks. The library blocks every signal there but those that the C
+// library keeps for itself. On a device none of these interrupts a sleep. Here a setuid of the C
+// library signals every thread, and its sleep then returns 0 for the rest of a second: a host that
+// changes its ids often would have the monitor's seconds pass in no time. So this sleep lasts to
+// its end, whatever interrupts it.
 //
-// The link sends the library's calls of it here (--wrap).
+// The link sends the library's calls of sleep here (--wrap).
 
 #include <errno.h>
 #include <time.h>

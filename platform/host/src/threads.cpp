@@ -34,7 +34,7 @@ char* __wrap_strerror(int error);
 
 namespace {
 
-constexpr size_t kKernelSetSize = 8;
+constexpr size_t kKernelSetSize = 8;  // bytes of a signal set, as the kernel counts them
 
 // The process in which thread ids were last asked for, and the calling thread's id there. A child
 // of a fork has another id, and so has its thread.
@@ -60,10 +60,10 @@ void StartAnewInChild() {
 
 [[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, StartAnewInChild);
 
-// Condition variables of the layer's own, in the room of the C library's. Its waits are points of
-// cancellation, which the device does not have, whatever the thread's cancel state says: a thread
-// that is being cancelled would wait in the unwinder's handler, for ever, for a signal that is held
-// back there. The deadline is of the monotonic clock.
+// Condition variables of the layer's own, stored in the C library's. A wait of the C library's is a
+// point of cancellation, which the device does not have: a thread that is being cancelled would
+// wait in the unwinder's handler for ever, for a signal that is blocked there. Deadlines are on the
+// monotonic clock.
 struct Condition {
   std::atomic<uint32_t> turn;
   std::atomic<uint32_t> sleepers;
@@ -76,13 +76,14 @@ Condition* StateOf(pthread_cond_t* condition) {
 }
 
 long NanosecondsSince(const struct timespec& start) {
+  constexpr long kNanosPerSecond = 1'000'000'000;
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return (now.tv_sec - start.tv_sec) * 1'000'000'000 + now.tv_nsec - start.tv_nsec;
+  return (now.tv_sec - start.tv_sec) * kNanosPerSecond + now.tv_nsec - start.tv_nsec;
 }
 
 // Whether the turn comes within the time that sleeping and being woken would take. The yields let
-// the other side run where it waits for this very processor.
+// the other side run where it waits for the same processor.
 bool TurnComesSoon(const Condition& condition, uint32_t turn) {
   constexpr long kSoon = 150'000;  // nanoseconds
   struct timespec start = {};
@@ -101,7 +102,7 @@ int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
   const uint32_t turn = state->turn.load(std::memory_order_acquire);
   pthread_mutex_unlock(mutex);
   bool timed_out = false;
-  // Who sets no deadline is in no hurry: the monitor, waiting for a start.
+  // A wait without a deadline is the idle monitor's, which is in no hurry.
   if (deadline == nullptr || !TurnComesSoon(*state, turn)) {
     state->sleepers.fetch_add(1);
     const long result = syscall(SYS_futex, &state->turn, FUTEX_WAIT_BITSET_PRIVATE, turn, deadline,
@@ -118,7 +119,7 @@ int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
 
 int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
   const int saved_errno = errno;
-  if (old != nullptr) *old = {};  // the kernel fills its first word alone
+  if (old != nullptr) *old = {};  // the kernel sets its first word only
   const long result = syscall(SYS_rt_sigprocmask, how, set, old, kKernelSetSize);
   const int error = result == 0 ? 0 : errno;
   errno = saved_errno;
@@ -156,7 +157,7 @@ pid_t __wrap_getpid() {
   return pid;
 }
 
-// The C library's takes a lock for the translation; the device's does not.
+// The C library's locks a mutex for the translation; the device's does not.
 char* __wrap_strerror(int error) {
   const char* text = strerrordesc_np(error);
   return const_cast<char*>(text != nullptr ? text : "Unknown error");
