@@ -143,7 +143,7 @@ constexpr uint64_t SetOf(int number) {
 
 TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
   const auto body = [&] {
-    uint64_t at_first = 0, in_callback = 0;
+    std::atomic<uint64_t> at_first{0}, in_callback{0};
     fakes.sleep = [&](unsigned) { return at_first |= BlockedSignals(), 0u; };
     std::atomic<bool> fired{false};
     Function callback = [&] { in_callback = BlockedSignals(), fired = true; };
