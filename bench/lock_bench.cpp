@@ -44,7 +44,7 @@ constexpr Case kCases[] = {{"slack 50 us", kUsualSlack, false},
                            {"SCHED_FIFO", kUsualSlack, true}};
 
 // Both threads call this: one core, one slack.
-void Settle(const Case& c) {
+void ShareFirstCore(const Case& c) {
   cpu_set_t first;
   CPU_ZERO(&first);
   CPU_SET(0, &first);
@@ -80,14 +80,14 @@ template <class Timer>
 void Round(const Case& c, const char* rival, int pairs) {
   std::atomic<bool> stop{false};
   std::thread loop([&] {
-    Settle(c);
+    ShareFirstCore(c);
     Timer timer;
     while (!stop) timer.Start() && timer.End();
   });
   std::vector<double> taken;
   bool refused = false;
   std::thread measuring([&] {
-    Settle(c);
+    ShareFirstCore(c);
     refused = c.first_in_first_out && !RaiseAboveOrdinary();
     if (!refused) taken = MeasurePairs<Timer>(pairs);
   });

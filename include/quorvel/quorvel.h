@@ -111,8 +111,8 @@ extern "C" {
  * callback that blocks stops the monitor. It must return normally: no exception, no pthread_exit.
  *
  * Signals: that thread blocks all but those that a fault raises (SIGSEGV, SIGBUS, SIGILL, SIGFPE,
- * SIGTRAP, SIGSYS) and those that the C library keeps for itself (32 and 33), and so does a program
- * that the callback executes unless it resets its mask.
+ * SIGTRAP, SIGSYS) and those that the C library keeps for itself (32 and 33), and so do threads
+ * and programs that the callback starts, unless they reset their mask.
  *
  * fork: the child of a callback that forks is no monitor. When the callback returns in it, its
  * thread ends; where that is the child's only thread, the child ends with _exit(0).

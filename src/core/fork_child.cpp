@@ -25,12 +25,17 @@ void BeforeFork() {
   g_forks.fetch_add(1);
 }
 
+// Handlers that were registered in the middle of a fork may run here without their prepare handler.
 void AfterForkInParent() {
-  g_forks.fetch_sub(1);
+  int forks = g_forks.load();
+  while (forks > 0 && !g_forks.compare_exchange_weak(forks, forks - 1)) {
+  }
 }
 
+// The count tells a child from its parent even where both have the same id, as the first processes
+// of two pid namespaces do.
 void AfterForkInChild() {
-  if (g_forks.load() != 0) StartAnew();
+  if (g_forks.load() != 0 || g_owner.load() != getpid()) StartAnew();
 }
 
 void RegisterHandlers() {

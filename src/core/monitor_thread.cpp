@@ -28,12 +28,12 @@ void SleepOneTick() {
 // all threads.
 sigset_t MonitorSignalMask() {
   constexpr int kFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
-  constexpr int kCLibrarys[] = {32, 33};  // of glibc: cancellation and setuid; of bionic: its
-                                          // timers and backtraces
+  constexpr int kReserved[] = {32, 33};  // of glibc: cancellation and setuid; of bionic: its
+                                         // timers and backtraces
   sigset_t mask;
   sigfillset(&mask);
   for (const int number : kFaults) sigdelset(&mask, number);
-  for (const int number : kCLibrarys) sigdelset(&mask, number);
+  for (const int number : kReserved) sigdelset(&mask, number);
   return mask;
 }
 

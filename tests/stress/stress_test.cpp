@@ -166,7 +166,9 @@ TEST(RegistryStorm, EveryWatchFiresOnceOrIsEndedAndNoStartIsLost) {
   g_fast_ticks = true;
   __android_log_set_logger(NoteRefusal);
   quorvel_init();
-  std::mt19937 random(std::random_device{}());
+  const unsigned seed = std::random_device{}();
+  printf("seed %u\n", seed);
+  std::mt19937 random(seed);
   const time_t end = time(nullptr) + StormSeconds();
   while (time(nullptr) < end) {
     constexpr int kSteps[] = {1, 3, 100, 3000};
