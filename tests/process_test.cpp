@@ -58,11 +58,12 @@ class Process : public testing::Test {
   void AwaitSleep(int number) const {
     while (sleeps_ < number) std::this_thread::yield();
   }
+  static bool MonitorWaits() {
+    const QuorvelMutexLock lock(&g_wake_up.lock);
+    return g_wake_up.waiting != 0;
+  }
   static void AwaitIdleMonitor() {
-    for (bool waiting = false; !waiting; std::this_thread::yield()) {
-      const QuorvelMutexLock lock(&g_wake_up.lock);
-      waiting = g_wake_up.waiting != 0;
-    }
+    while (!MonitorWaits()) std::this_thread::yield();
   }
   static int32_t Cursor() {
     const QuorvelMutexLock lock(&g_registry.lock);
@@ -122,6 +123,7 @@ TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
     AwaitIdleMonitor();
     for (int i = 0; i < 3; ++i) Start(1);
     AwaitSleep(4);
+    EXPECT_FALSE(MonitorWaits());
     EXPECT_EQ(Cursor(), 3) << "it is to sleep before it empties the slot";
     allowed_sleeps_ = 100;
     AwaitIdleMonitor();
