@@ -257,6 +257,24 @@ TEST_F(Core, TheMonitorIsQuietOnlyWithoutStartsAndArmedWatches) {
   EXPECT_EQ(ticks_until_it_waits(), 3);
 }
 
+// Both records forbid an exit; the log tells which of them was read.
+TEST_F(Core, AProgramWhosePathBeginsWithVendorHasTheVendorsProperties) {
+  const std::pair<const char*, bool> paths[] = {{"/vendor/bin/x", true},   {"/vendor", true},
+                                                {"/vendorx/bin/a", true},  {"/vendo", false},
+                                                {"/system/vendor", false}, {"", false}};
+  fakes.getprogname = [] { return "a"; };
+  test_root::SetProperty("odm.quorvel.rec.97", "-1,5");
+  test_root::SetProperty("quorvel.s.rec.97", "-2,5");
+  for (const auto& [path, is_vendor] : paths) {
+    fakes.executable_path = [p = path] { return p; };
+    quorvel_init();
+    __quorvel_start_ex("n", 1, nullptr, nullptr, QUORVEL_FLAG_RECOVERY);
+    TicksUntilOneFires();
+    EXPECT_TRUE(log_.Has(is_vendor ? "count:-1" : "count:-2")) << path;
+    log_.Clear();
+  }
+}
+
 // The readings of the boot-time clock, one a call, and the chunks that are slept.
 class CoreSleep : public Core {
  protected:

@@ -23,6 +23,7 @@
 #include "support/log_capture.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"
+#include "unwind/unwindstack_wrapper_thread.h"
 
 namespace {
 
@@ -133,6 +134,19 @@ TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
   EXPECT_ENDS_WELL(body);
 }
 
+TEST_F(Process, AWaitThatEndsByItselfCostsThreeTicks) {
+  const auto body = [&] {
+    allowed_sleeps_ = 100;
+    quorvel_init();
+    AwaitIdleMonitor();
+    g_wake_up.condition.Signal();
+    AwaitSleep(4);
+    AwaitIdleMonitor();
+    EXPECT_EQ(sleeps_, 6);
+  };
+  EXPECT_ENDS_WELL(body);
+}
+
 uint64_t BlockedSignals() {
   uint64_t mask = 0;
   syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &mask, sizeof(mask));
@@ -235,13 +249,17 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
         const QuorvelMutexLock guard(lock);
         hold();
       }
+      pthread_mutex_lock(&unwindstack_wrapper_thread::list_mutex_);
+      hold();
+      pthread_mutex_unlock(&unwindstack_wrapper_thread::list_mutex_);
     });
-    for (int lock = 1; lock <= 3; ++lock) {
+    for (int lock = 1; lock <= 4; ++lock) {
       while (held < lock) std::this_thread::yield();
       const auto in_child = [&] {
         NoMonitor();
         quorvel_init();
         quorvel_end(Start(60));
+        EXPECT_NE(unwindstack_wrapper_thread::get(getpid(), gettid(), true), nullptr);
       };
       EXPECT_EQ(StatusOf(in_child), 0) << lock;
       allowed = lock;

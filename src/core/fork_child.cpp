@@ -12,34 +12,26 @@ std::atomic<void (*)()> g_reset{nullptr};
 // The process that the library's state belongs to; 0 before the first quorvel_init of all.
 std::atomic<pid_t> g_owner{0};
 
-// Forks under way. Not 0 in a child that was not reset yet.
-std::atomic<int> g_forks{0};
+// Set before every fork, cleared by the reset in its child. It tells a child from its parent even
+// where both have the same id, as the first processes of two pid namespaces do.
+std::atomic<bool> g_child_needs_reset{false};
 
 void StartAnew() {
   g_owner.store(getpid());
-  g_forks.store(0);
+  g_child_needs_reset.store(false);
   g_reset.load()();
 }
 
 void BeforeFork() {
-  g_forks.fetch_add(1);
+  g_child_needs_reset.store(true);
 }
 
-// Handlers that were registered in the middle of a fork may run here without their prepare handler.
-void AfterForkInParent() {
-  int forks = g_forks.load();
-  while (forks > 0 && !g_forks.compare_exchange_weak(forks, forks - 1)) {
-  }
-}
-
-// The count tells a child from its parent even where both have the same id, as the first processes
-// of two pid namespaces do.
 void AfterForkInChild() {
-  if (g_forks.load() != 0 || g_owner.load() != getpid()) StartAnew();
+  if (g_child_needs_reset.load() || g_owner.load() != getpid()) StartAnew();
 }
 
 void RegisterHandlers() {
-  pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+  pthread_atfork(BeforeFork, nullptr, AfterForkInChild);
 }
 
 }  // namespace

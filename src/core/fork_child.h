@@ -3,10 +3,11 @@
 //
 //     parent                          child
 //     ------                          -----
-//     prepare handler: forks + 1
+//     prepare handler: sets the mark
 //     fork ------------------------>  (handlers of the host's that came before ours: one that calls
-//     parent handler:  forks - 1       quorvel_init resets everything and sets forks = 0)
-//                                     child handler: resets everything unless forks is 0
+//                                      quorvel_init resets everything and clears the mark)
+//                                     child handler: resets everything if the mark is set, clears
+//                                     it
 //
 // A child made without fork handlers (a bare clone) is reset by its own first quorvel_init.
 #ifndef QUORVEL_CORE_FORK_CHILD_H_

@@ -33,6 +33,12 @@ int __wrap_gettimeofday(timeval* now, void* zone) {
 
 }  // extern "C"
 
+std::string RealExecutablePath() __asm__("__real__ZN7android4base17GetExecutablePathB5cxx11Ev");
+std::string WrapExecutablePath() __asm__("__wrap__ZN7android4base17GetExecutablePathB5cxx11Ev");
+std::string WrapExecutablePath() {
+  return fakes.executable_path ? fakes.executable_path() : RealExecutablePath();
+}
+
 void RealWakeMonitor() __asm__("__real__Z18QuorvelWakeMonitorv");
 void WrapWakeMonitor() __asm__("__wrap__Z18QuorvelWakeMonitorv");
 void WrapWakeMonitor() {

@@ -7,6 +7,7 @@
 #include <time.h>
 
 #include <functional>
+#include <string>
 
 struct Fakes {
   std::function<time_t()> time;
@@ -17,6 +18,7 @@ struct Fakes {
   // Given the body of the new thread; its result is pthread_create's.
   std::function<int(void* (*body)(void*))> pthread_create;
   std::function<const char*()> getprogname;
+  std::function<std::string()> executable_path;
   std::function<int(int tid, char* buffer)> DravikGetStack;
   std::function<void()> wake_monitor;  // before the library's own
 };
