@@ -109,6 +109,20 @@ TEST_F(AndroidLog, AMessageIsCutWhereTheDeviceCutsIt) {
   EXPECT_THAT(ReadAll(), testing::EndsWith(" E TEST    : " + std::string(1023, 'x') + "\n"));
 }
 
+TEST_F(AndroidLog, AMessageOfManyLinesIsOneWrite) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_DIRECT), 0);  // whose reader gets one write at a time
+  Use(ends[0], ends[1]);
+  std::string lines;
+  for (int i = 0; i < 60; ++i) lines += "0123456789\n";
+  Log(lines);
+  Log("another message");
+  char packet[8192];
+  const ssize_t size = read(reader_, packet, sizeof(packet));
+  ASSERT_GT(size, 0);
+  EXPECT_EQ(std::count(packet, packet + size, '\n'), 60);
+}
+
 TEST_F(AndroidLog, ANullTextOrTagEndsNothing) {
   UsePipe();
   const char* const volatile nothing = nullptr;

@@ -162,13 +162,15 @@ TEST_F(LogFile, ATakenNameIsDrawnAnew) {
   EXPECT_EQ(test_root::ReadFile(Path(name_)), "of another process");
 }
 
-TEST_F(LogFile, FourTakenNamesEndTheSearchWithoutAWord) {
+TEST_F(LogFile, FourTakenNamesEndTheSearchWithoutAWordAndTheLastPathStays) {
   Begin();
   const std::string last = QuorvelLastLogPath();
+  now_.tv_sec += 1;
+  Touch("quorvel@1763315481007.log");
   EXPECT_EQ(Begin(), "");
   EXPECT_EQ(pauses_.size(), 4u);
   EXPECT_EQ(QuorvelLastLogPath(), last);
-  EXPECT_EQ(test_root::List(kLogDir), Texts{name_});
+  EXPECT_EQ(test_root::List(kLogDir), Texts({name_, "quorvel@1763315481007.log"}));
   EXPECT_EQ(log_.Lines(), Texts{});
 }
 

@@ -1,5 +1,5 @@
-// The Android log on standard error. Runs in signal handlers, on threads that hold any lock and on
-// small stacks: everything it needs is on the stack, some 3 KiB with the formatting.
+// The Android log on standard error. It runs in signal handlers and on threads that hold any lock,
+// so it keeps everything on the stack; a message of few lines takes some 3 KiB with its formatting.
 
 #include <android/log.h>
 #include <errno.h>
@@ -26,6 +26,7 @@ constexpr size_t kMaxTag = 64;
 constexpr size_t kMinTag = 8;
 constexpr int kMinIdWidth = 5;
 constexpr size_t kPrefixSize = 128;
+constexpr unsigned kFewLines = 4;
 constexpr unsigned kMaxLinesPerWrite = 64;  // more do not fit into one piece with their prefixes
 constexpr int64_t kNanosPerMilli = 1'000'000;
 constexpr unsigned kDecimalBase = 10;
@@ -140,14 +141,16 @@ void WriteOrDiscard(struct iovec* parts, int count, unsigned lines) {
 }
 
 // The lines of a message that go out in one piece: as many as fit.
+template <unsigned kMaxLines>
 class Piece {
  public:
   explicit Piece(const Prefix& prefix) : prefix_(prefix) {}
 
-  // With its newline, if the line has one. False, and nothing changes, when there is no room.
+  // The line has its newline, unless it is the last. False, and nothing changes, when it does not
+  // fit.
   bool Append(const char* line, size_t length) {
     const size_t size = prefix_.length + length;
-    if (lines_ == kMaxLinesPerWrite || size_ + size + 1 > kMaxPiece) return false;
+    if (lines_ == kMaxLines || size_ + size + 1 > kMaxPiece) return false;
     parts_[count_++] = PartOf(prefix_.text, prefix_.length);
     parts_[count_++] = PartOf(line, length);
     size_ += size;
@@ -166,17 +169,16 @@ class Piece {
 
  private:
   const Prefix& prefix_;
-  struct iovec parts_[2 * kMaxLinesPerWrite + 1];
+  struct iovec parts_[2 * kMaxLines + 1];
   int count_ = 0;
   size_t size_ = 0;
   unsigned lines_ = 0;
 };
 
-void WriteLines(const __android_log_message& message) {
-  const Prefix prefix(message.priority, message.tag);
-  Piece piece(prefix);
-  const char* line = message.message;
-  const char* const end = line + strnlen(line, kMaxText);
+// Not inlined, so that a message of few lines does not use the stack of one with many.
+template <unsigned kMaxLines>
+__attribute__((noinline)) void WriteLines(const Prefix& prefix, const char* line, const char* end) {
+  Piece<kMaxLines> piece(prefix);
   do {
     const void* const newline = memchr(line, '\n', static_cast<size_t>(end - line));
     const char* const next = newline != nullptr ? static_cast<const char*>(newline) + 1 : end;
@@ -191,12 +193,23 @@ void WriteLines(const __android_log_message& message) {
   piece.Write();
 }
 
+void WriteMessage(const __android_log_message& message) {
+  const Prefix prefix(message.priority, message.tag);
+  const char* const begin = message.message;
+  const char* const end = begin + strnlen(begin, kMaxText);
+  if (std::count(begin, end, '\n') < kFewLines) {
+    WriteLines<kFewLines>(prefix, begin, end);
+  } else {
+    WriteLines<kMaxLinesPerWrite>(prefix, begin, end);
+  }
+}
+
 void Deliver(const __android_log_message& message) {
   const int saved_errno = errno;
   if (const __android_logger_function logger = g_logger.load(std::memory_order_acquire)) {
     logger(&message);
   } else {
-    WriteLines(message);
+    WriteMessage(message);
   }
   errno = saved_errno;
 }

@@ -9,12 +9,6 @@
 
 #include <string>
 
-// Only the inline functions of the header call these, and it declares them only there.
-extern "C" {
-void atrace_begin_body(const char* name);
-void atrace_end_body(void);
-}
-
 namespace {
 
 void WriteMarker(const std::string& text) {
@@ -31,10 +25,15 @@ uint64_t atrace_get_enabled_tags() {
                   0);
 }
 
+// Only the inline functions of the header call these, and it declares them only there.
+extern "C" {
+
 void atrace_begin_body(const char* name) {
   WriteMarker("B|" + std::to_string(getpid()) + "|" + name + "\n");
 }
 
-void atrace_end_body() {
+void atrace_end_body(void) {
   WriteMarker("E|" + std::to_string(getpid()) + "\n");
 }
+
+}  // extern "C"
