@@ -21,6 +21,8 @@
 //   - It is destroyed by the End, on the thread that calls it.
 //   - When the rate limit drops the incident nobody ever calls it: End finds that out and destroys
 //     it. Nothing leaks.
+//   - It is called before the incident's stacks are written. One that makes the work go on hides
+//     what hung: have a second watch for that, which expires a second later.
 //   - A watch may be moved at any time, also while its callable runs.
 //   - In the child of a fork a copied watch belongs to a process that is gone: End has no effect on
 //     the library there, never waits, and destroys the child's copy of the callable, unless it was
@@ -34,8 +36,9 @@
 //
 // Costs: a watch without a callable is the two calls of C. With one, its end makes one call more,
 // and a callable of up to 48 bytes is kept without an allocation; a larger one takes one. At most
-// 256 callables are held at once by each program or shared object. Needs C++17, neither exceptions
-// nor run-time type information.
+// 256 callables are held at once by each program or shared object; in the child of a fork those
+// that other threads of the parent held count too. Needs C++17, neither exceptions nor run-time
+// type information.
 //
 // A shared object that is unloaded: its watches with callables must have ended as kEnded or kFired.
 // After kExpired the library may still be about to call into it; link it with -z nodelete.
@@ -96,7 +99,7 @@ class [[nodiscard]] Watch {
     kRefused,          // by the library: not initialised, or 128 watches armed (which it logs)
     kArmed,            // not ended; the callable has not been called
     kCalled,           // not ended; the callable has been called, and may be running
-    kEnded,            // ended in time. A watch without a callable: ended, in time or not
+    kEnded,            // ended before the library found it expired; without a callable: ended
     kExpired,          // ended too late; the callable was not called and will not be: the rate
                        // limit dropped it, or its turn had not come
     kFired,            // ended; the callable was called

@@ -149,7 +149,8 @@ QUORVEL_HIDDEN inline void CallTagged(void* tag) noexcept {
 // Moves the callable into the block; false without memory for a large one.
 template <class F>
 bool FillBlock(CallableBlock* block, F&& callable) noexcept {
-  static_assert(std::is_nothrow_move_constructible_v<F>, "moving the callable must not throw");
+  static_assert(std::is_nothrow_move_constructible_v<F>,
+                "moving the callable must not throw: capture no constant copies");
   if constexpr (sizeof(F) <= kSmallCallableBytes && alignof(F) <= alignof(std::max_align_t)) {
     ::new (static_cast<void*>(block->storage)) F(std::move(callable));
     block->call = [](void* storage) {
@@ -159,13 +160,13 @@ bool FillBlock(CallableBlock* block, F&& callable) noexcept {
     if (std::is_trivially_destructible_v<F>) block->destroy = nullptr;
     return true;
   } else {
-    F* const moved = new (std::nothrow) F(std::move(callable));
+    F* const moved = ::new (std::nothrow) F(std::move(callable));
     if (moved == nullptr) return false;
     ::new (static_cast<void*>(block->storage)) F*(moved);
     block->call = [](void* storage) {
       static_cast<void>((**std::launder(static_cast<F**>(storage)))());
     };
-    block->destroy = [](void* storage) { delete *std::launder(static_cast<F**>(storage)); };
+    block->destroy = [](void* storage) { ::delete *std::launder(static_cast<F**>(storage)); };
     return true;
   }
 }
@@ -179,10 +180,10 @@ inline CallableBlock* CallableTable::Acquire() noexcept {
     first_free_ = block->next_free;
   } else if (used_ < kCallableBlocks) {
     block = &blocks_[used_++];
-    block->table = this;
   } else {
     return nullptr;
   }
+  block->table = this;
   ++block->generation;
   block->destroy = nullptr;
   block->process.store(process_.load(std::memory_order_relaxed), std::memory_order_relaxed);

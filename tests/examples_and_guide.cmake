@@ -1,5 +1,5 @@
-# Each example is run as its reader would run it. The thread sanitizer's own thread must not meet
-# the unwinder's signal, so there they are built only.
+# The examples are run as their reader would run them. The thread sanitizer's own thread must not meet
+# the unwinder's signal, so with it they are built only.
 function(test_example name text watch frame)
   if(TARGET ${name} AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize=thread")
     add_test(NAME example_${name} COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/examples_test.sh
@@ -12,3 +12,6 @@ test_example(ten_lines "^flushing accounts.db hangs$" flush-db "(flush_db\\|nano
 test_example(callable "^flush-db hung and was cancelled$" flush-db "(.*pthread_cond_")
 test_example(worker_pool "^upload .*  <--$" upload "(.*WorkerPool")
 test_example(sqlite "^count-for-ever hung: interrupted$" count-for-ever "(sqlite3_exec")
+
+# The guide explains every message.
+add_test(NAME guide COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/guide_test.sh ${PROJECT_SOURCE_DIR})
