@@ -379,7 +379,7 @@ TEST_F(WatchHppPlugin, AnObjectWhoseFunctionsAreReplacedByAnothers) {
 // run at any moment of what the owners do. Every eighth watch is one that the rate limit drops.
 class WatchHppRace : public WatchHpp {
  protected:
-  static constexpr int kOwners = 3, kTurns = 100, kDropped = 8;
+  static constexpr int kOwners = 3, kTurns = 60, kDropped = 8;
 
   void Race(void (*use)(Watch watch)) {
     SpendRateLimit();

@@ -146,13 +146,18 @@ QUORVEL_HIDDEN inline void CallTagged(void* tag) noexcept {
   g_callables.Call(tag);
 }
 
+template <class F>
+inline constexpr bool kFitsBlock = sizeof(F) <= kSmallCallableBytes &&
+                                   alignof(std::max_align_t) % alignof(F) == 0;
+
 // Moves the callable into the block; false without memory for a large one.
 template <class F>
 bool FillBlock(CallableBlock* block, F&& callable) noexcept {
   static_assert(std::is_nothrow_move_constructible_v<F>,
                 "moving the callable must not throw: capture no constant copies");
-  if constexpr (sizeof(F) <= kSmallCallableBytes && alignof(F) <= alignof(std::max_align_t)) {
-    ::new (static_cast<void*>(block->storage)) F(std::move(callable));
+  static_assert(std::is_object_v<F>, "from an rvalue");
+  if constexpr (kFitsBlock<F>) {
+    ::new (static_cast<void*>(block->storage)) F(std::forward<F>(callable));
     block->call = [](void* storage) {
       static_cast<void>((*std::launder(static_cast<F*>(storage)))());
     };
@@ -160,7 +165,7 @@ bool FillBlock(CallableBlock* block, F&& callable) noexcept {
     if (std::is_trivially_destructible_v<F>) block->destroy = nullptr;
     return true;
   } else {
-    F* const moved = ::new (std::nothrow) F(std::move(callable));
+    F* const moved = ::new (std::nothrow) F(std::forward<F>(callable));
     if (moved == nullptr) return false;
     ::new (static_cast<void*>(block->storage)) F*(moved);
     block->call = [](void* storage) {
