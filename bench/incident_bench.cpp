@@ -95,8 +95,8 @@ WRAPPED(void, EndLog, "_Z13QuorvelEndLogv", ) {
   RealEndLog();
 }
 
-// The handler on the target thread begins with a copy of its context, and ends once the unwinder
-// lets it go on: in between the thread is parked.
+// The handler on the target thread begins with a copy of its context and ends when the unwinder has
+// woken it: in between the thread is stopped.
 WRAPPED(void, CopyContext, "_ZN26unwindstack_wrapper_thread12copy_contextEPv",
         unwindstack_wrapper_thread* entry, void* context) {
   t_parked_at = Clock::now();
@@ -113,7 +113,7 @@ WRAPPED(bool, Wait, "_ZN26unwindstack_wrapper_thread4waitEi", unwindstack_wrappe
   return reached;
 }
 
-// Incidents follow each other faster here than the rate limit lets through.
+// Incidents follow each other faster here than the rate limit allows.
 WRAPPED(time_t, Time, "time", time_t* out) {
   const time_t now = RealTime(nullptr) + g_time_shift;
   if (out != nullptr) *out = now;

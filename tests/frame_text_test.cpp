@@ -45,8 +45,8 @@ TEST_F(FrameText, OfAMappingWithoutANameHasItsStart) {
 TEST_F(FrameText, HasTheMangledFunctionAndItsOffsetUnlessThatIsZero) {
   fields_.function_name = "_Z1fv";
   EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv)");
-  fields_.function_offset = 12;
-  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv+12)");
+  fields_.function_offset = 1;
+  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv+1)");
 }
 
 TEST_F(FrameText, Of32BitsHasAShortPc) {

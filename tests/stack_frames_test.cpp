@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "host_regs.h"
@@ -92,6 +93,10 @@ PLAIN_FUNCTION int unwind_test_bare(void (*callback)(void*), void* arg) {
 // Its canonical frame address is an expression that jumps back to its own start.
 PLAIN_FUNCTION void unwind_test_endless() {
   asm volatile(".cfi_escape 0x0f, 0x03, 0x2f, 0xfd, 0xff");
+}
+// Its lies 64 bytes below the stack pointer.
+PLAIN_FUNCTION void unwind_test_downward() {
+  asm volatile(".cfi_escape 0x13, 0x08");
 }
 // Its is the smallest number divided by -1.
 PLAIN_FUNCTION void unwind_test_dividing() {
@@ -347,6 +352,17 @@ TEST_F(StackFramesOfLibrary, HaveTheNamesOfTheOneThatReplacedIt) {
   dlclose(other);
 }
 
+// The second may get the first one's inode and address.
+TEST_F(StackFramesOfLibrary, HaveTheNamesOfTheOneThatReplacedItWhenBothAreDeleted) {
+  unlink(file_.c_str());
+  EXPECT_THAT(Text(CallOf(library_, "plugin_call_a")), HasSubstr("plugin_call_a"));
+  dlclose(library_);
+  void* const other = Install(UNWIND_PLUGIN_B, file_);
+  unlink(file_.c_str());
+  EXPECT_THAT(Text(CallOf(other, "plugin_call_b")), HasSubstr("plugin_call_b"));
+  dlclose(other);
+}
+
 TEST_F(StackFramesOfLibrary, HaveItsNamesWhenItsFileIsAnotherOrGone) {
   SKIP_UNDER_EMULATION("it shows other names for deleted files");
   const PluginCall call = CallOf(library_, "plugin_call_a");
@@ -372,12 +388,13 @@ class StackFramesOfRegisters : public StackFrames {
   StackFramesOfRegisters() { mprotect(stack_ + page_, page_, PROT_NONE); }
   ~StackFramesOfRegisters() override { munmap(stack_, 2 * page_); }
 
-  void UnwindFrom(uint64_t pc, uint64_t sp, uint64_t returns_to) {
+  void UnwindFrom(uint64_t pc, uint64_t sp, uint64_t returns_to, uint64_t fp = 0) {
     memcpy(stack_ + page_ - kDepth, &returns_to, sizeof(returns_to));
     const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
     uint64_t* const values = unwindstack::ValuesOf(regs.get());
     values[unwindstack::kRegSp] = sp;
     values[unwindstack::kRegPc] = pc;
+    values[unwindstack::kRegFp] = fp;
 #if !defined(__x86_64__)
     values[unwindstack::kRegLr] = returns_to;
 #endif
@@ -387,6 +404,11 @@ class StackFramesOfRegisters : public StackFrames {
   }
 
   static constexpr size_t kDepth = 64;  // bytes of stack
+#if defined(__x86_64__)
+  static constexpr size_t kReturnAddressOnStack = 8;
+#else
+  static constexpr size_t kReturnAddressOnStack = 0;  // it is in a register
+#endif
   const size_t page_ = static_cast<size_t>(getpagesize());
   char* const stack_ = static_cast<char*>(
       mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -402,6 +424,7 @@ TEST_F(StackFramesOfRegisters, ShowTheCallerOfAWildCall) {
     EXPECT_EQ(Name(frames_, 0), "");
     EXPECT_EQ(Name(frames_, 1), "unwind_test_leaf");
     EXPECT_EQ(frames_.at(1).pc, in_code_ - kWithinCall);
+    EXPECT_EQ(frames_.at(1).sp, sp_ + kReturnAddressOnStack);
   }
 }
 
@@ -429,6 +452,26 @@ TEST_F(StackFramesOfRegisters, EndWhereTheStackCannotBeRead) {
     EXPECT_LE(frames_.size(), 2u);
     EXPECT_EQ(Name(frames_, 1), frames_.size() == 2 ? "" : "(none)");
   }
+}
+
+TEST_F(StackFramesOfRegisters, EndInATableThatLeadsDownTheStack) {
+  auto* const words = reinterpret_cast<uint64_t*>(stack_);
+  std::fill(words, words + page_ / sizeof(*words), in_code_);
+  UnwindFrom(AddressOf(&unwind_test_downward), sp_, in_code_);
+  EXPECT_EQ(Name(frames_, 0), "unwind_test_downward");
+  EXPECT_EQ(frames_.size(), 1u);
+}
+
+TEST_F(StackFramesOfRegisters, FollowAFramePointerOnlyUpTheStack) {
+  void* const code =
+      mmap(nullptr, page_, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  const uint64_t record[] = {0, in_code_};
+  for (const char* const at : {stack_ + page_ - kDepth + 16, stack_ + page_ - kDepth - 16}) {
+    memcpy(const_cast<char*>(at), record, sizeof(record));
+    UnwindFrom(AddressOf(code), sp_, 0, AddressOf(at));
+    EXPECT_EQ(Name(frames_, 1), AddressOf(at) > sp_ ? "unwind_test_leaf" : "(none)");
+  }
+  munmap(code, page_);
 }
 
 TEST_F(StackFramesOfRegisters, EndInATableWithoutAnEnd) {

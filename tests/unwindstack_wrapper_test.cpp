@@ -85,6 +85,8 @@ TEST_F(UnwindstackWrapper, TheCallingThreadNeedsNoSignal) {
   EXPECT_TRUE(unwinder_.unwind(gettid(), nullptr, 64));
   EXPECT_EQ(Name(frames_, 0), "_ZN19unwindstack_wrapper6unwindEiP10ucontext_ti");
   EXPECT_THAT(Name(frames_, 1), HasSubstr("TheCallingThreadNeedsNoSignal"));
+  EXPECT_LT(frames_.size(), 64u);
+  EXPECT_EQ(unwinder_.num_frames, frames_.size());
   EXPECT_EQ(Entry::list_, list);
   EXPECT_TRUE(unwinder_._unwind_ucontext_current());
   EXPECT_THAT(Name(frames_, 0), HasSubstr("_unwind_ucontext_current"));
@@ -165,6 +167,21 @@ TEST_F(UnwindstackWrapper, TheHandlerRunsOnTheThreadsSignalStack) {
   EXPECT_THAT(signal_stack, testing::Contains(testing::Ne(0)));
 }
 
+TEST_F(UnwindstackWrapper, TheErrnoOfAStoppedThreadIsKept) {
+  fakes.clock_gettime = [](clockid_t clock, timespec* now) {
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    errno = EXDEV;
+    return static_cast<int>(result);
+  };
+  std::atomic<int> changed{0};
+  ParkedThread thread([&](const auto& stop) {
+    for (errno = 0; !stop;) changed += errno != 0;
+  });
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
+  thread.Stop();
+  EXPECT_EQ(changed, 0);
+}
+
 TEST_F(UnwindstackWrapper, AThreadHasOneEntryWhoseStepsBeginAgain) {
   ParkedThread thread(Sleep);
   ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
@@ -175,6 +192,20 @@ TEST_F(UnwindstackWrapper, AThreadHasOneEntryWhoseStepsBeginAgain) {
   EXPECT_EQ(entry->tid_, thread.tid());
   EXPECT_EQ(entry->ref_count_, 2) << "one for each handler";
   EXPECT_EQ(entry->wait_value_, kRendezvousLeaving);
+}
+
+TEST_F(UnwindstackWrapper, AnEntryRemovedFromTheMiddleLeavesItsNeighboursLinked) {
+  Entry* entries[3];
+  for (int tid = 0; tid < 3; ++tid) {
+    entries[tid] = Entry::get(100, tid, true);
+    pthread_mutex_lock(&entries[tid]->entry_mutex_);
+  }
+  Entry::remove(entries[1]);
+  EXPECT_EQ(entries[2]->next_, entries[0]);
+  EXPECT_EQ(entries[0]->prev_, entries[2]);
+  EXPECT_EQ(Entry::get(100, 1, false), nullptr);
+  Entry::remove(entries[2]);
+  Entry::remove(entries[0]);
 }
 
 // A stopped thread may hold the lock of the heap.
@@ -377,6 +408,17 @@ TEST_F(UnwindstackWrapperSilence, OfAThreadThatBlocksTheSignalLeavesItIgnored) {
   sigaction(33, nullptr, &now);
   EXPECT_EQ(now.sa_handler, SIG_IGN);
   UnblockAndUnwindAgain();
+}
+
+TEST_F(UnwindstackWrapperSilence, BlocksNoLaterAnswerByItsLateSignal) {
+  EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  ParkedThread unblocking([this](const auto&) {
+    usleep(200000);  // until the unwinder waits again
+    unblock_ = true;
+  });
+  EXPECT_TRUE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  thread_.Stop();
+  EXPECT_EQ(Entry::list_->ref_count_, 1) << "the handler ran for either signal";
 }
 
 TEST_F(UnwindstackWrapperSilence, OfAThreadThatEndsSaysSo) {

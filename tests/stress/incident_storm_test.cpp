@@ -334,8 +334,10 @@ TEST_F(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) 
                  slowdown.Factor());
     ExpectAllAccountedFor(text);
   }
-  EXPECT_EQ(partings_, 0);
-  printf("%zu incidents with %zu hostile threads\n", incidents, threads_.size());
+  printf("%zu incidents with %zu hostile threads, %d partings\n", incidents, threads_.size(),
+         partings_.load());
+  // Sanitizers are slow enough for five seconds to pass in an exchange if the machine is loaded.
+  EXPECT_TRUE(SANITIZED || partings_ == 0);
 }
 
 }  // namespace

@@ -37,7 +37,7 @@ static_assert(UNW_AARCH64_SP == kRegSp && UNW_AARCH64_PC == kRegPc, "one numberi
 unw_addr_space_t StackWalk::CreateAddressSpace() {
   static unw_accessors_t accessors = {FindProcInfo, PutUnwindInfo, GetDynInfoList, AccessMem,
                                       AccessReg,    AccessFpReg,   Resume,         GetProcName};
-  const unw_addr_space_t space = unw_create_addr_space(&accessors, 0);
+  unw_addr_space_t space = unw_create_addr_space(&accessors, 0);
   // Its cache of register states outlives libraries, and confuses the two sides of a return
   // address.
   if (space != nullptr) unw_set_caching_policy(space, UNW_CACHE_NONE);
