@@ -222,12 +222,13 @@ TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     const itimerval often = {{0, 10000}, {0, 10000}};
     setitimer(ITIMER_REAL, &often, nullptr);
-    while (fired < 2 && Clock::now() - start < std::chrono::seconds(8)) {
+    while (fired < 2 && Clock::now() - start < std::chrono::seconds(9)) {
       kill(getpid(), SIGUSR1);
       usleep(1000);
       EXPECT_TRUE(fired == 0 || Clock::now() - start >= std::chrono::seconds(3));
     }
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+    // On an idle machine it is 4 s at most; ticks of two seconds, made up for, would take 8.
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(7));
   };
   EXPECT_EQ(StatusOf(in_child), 0);
 }
