@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "incident.h"
@@ -16,7 +18,7 @@ struct RankedSignature {
   std::string signature;
   std::string signature_id;
   uint64_t count = 0;
-  std::string watch;
+  std::string watch;  // empty where the watch has no name
   std::set<std::string> programs;
   std::map<std::string, uint64_t> reasons;   // texts, each with how often it came
   std::vector<std::string> frames;           // the functions of the signature
@@ -25,5 +27,16 @@ struct RankedSignature {
 };
 
 using Ranking = std::vector<RankedSignature>;  // most frequent first, then the latest
+
+class RankingBuilder {
+ public:
+  void Add(Incident incident);
+
+  // The ranking of all that was added; the builder is empty afterwards.
+  Ranking Finish();
+
+ private:
+  std::unordered_map<std::string, RankedSignature> by_id_;
+};
 
 }  // namespace report

@@ -51,17 +51,19 @@ std::vector<std::string_view> KernelNames(const Thread& thread) {
 
 }  // namespace
 
+std::vector<std::string_view> SignatureFunctions(const Incident& incident) {
+  const Thread* const thread = incident.Watched();
+  if (thread == nullptr) return {};
+  return thread->user.empty() ? KernelNames(*thread) : TellingNames(*thread);
+}
+
 void SetSignature(Incident* incident) {
   const Thread* const thread = incident->Watched();
-  std::string_view kind = kNothing;
-  std::vector<std::string_view> names;
-  if (thread != nullptr) {
-    kind = KindOfWait(*thread);
-    names = thread->user.empty() ? KernelNames(*thread) : TellingNames(*thread);
-  }
+  const std::vector<std::string_view> names = SignatureFunctions(*incident);
   incident->signature = fmt::format(
       "{}: {}: {}: {}", incident->program.value_or(kNothing), incident->watch.value_or(kNothing),
-      kind, names.empty() ? std::string(kNothing) : fmt::format("{}", fmt::join(names, " < ")));
+      thread == nullptr ? kNothing : KindOfWait(*thread),
+      names.empty() ? std::string(kNothing) : fmt::format("{}", fmt::join(names, " < ")));
   incident->signature_id = fmt::format("{}-{:016x}", kVersion, HashOf(incident->signature));
 }
 

@@ -1,6 +1,9 @@
 // What makes two incidents the same hang.
 #pragma once
 
+#include <string_view>
+#include <vector>
+
 #include "incident.h"
 
 namespace report {
@@ -9,5 +12,8 @@ namespace report {
 // telling functions of the watched thread's user stack (of its kernel stack where there is none).
 // Neither depends on addresses, offsets, ids, times or frames further out.
 void SetSignature(Incident* incident);
+
+// The telling functions in an incident's signature, innermost first.
+std::vector<std::string_view> SignatureFunctions(const Incident& incident);
 
 }  // namespace report

@@ -1,0 +1,130 @@
+#include "stack_text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "frame_role.h"
+#include "kernel_line.h"
+#include "reason_table.h"
+
+namespace report {
+namespace {
+
+constexpr size_t kColumnGap = 2;  // between a frame's function and its place
+
+// What stands in a frame's first column: the function, or the pc where it has no name.
+std::string NameOf(const Frame& frame) {
+  if (frame.function.empty()) return fmt::format("0x{:x}", frame.pc);
+  if (frame.function_offset == 0) return std::string(frame.function);
+  return fmt::format("{}+{}", frame.function, frame.function_offset);
+}
+
+std::string InlinedName(std::string_view function) {
+  return fmt::format("{} (inlined)", function);
+}
+
+// And in its second: the source line, or the module.
+std::string PlaceOf(const Frame& frame, const TextLayout& layout) {
+  if (!frame.source.empty()) return std::string(frame.source);
+  return layout.whole_paths ? std::string(frame.map) : MapName(frame.map);
+}
+
+struct Columns {
+  size_t name = 0;
+  size_t place = 0;
+};
+
+// The columns that a stack needs, shortened to so many together; the place gets at most half.
+Columns ColumnsOf(const Thread& thread, size_t width, const TextLayout& layout) {
+  Columns columns;
+  for (const Frame* frame : thread.user) {
+    columns.name = std::max(columns.name, WidthOf(NameOf(*frame)));
+    columns.place = std::max(columns.place, WidthOf(PlaceOf(*frame, layout)));
+    for (const std::string_view inlined : frame->inlined) {
+      columns.name = std::max(columns.name, WidthOf(InlinedName(inlined)));
+    }
+  }
+  columns.place = std::min(columns.place, width / 2);
+  columns.name = std::min(columns.name, width - std::min(width, columns.place + kColumnGap));
+  return columns;
+}
+
+std::string PaintedName(const Frame& frame, const std::string& name, const Painter& painter) {
+  if (frame.role != Role::kOwn) return painter.Dim(name);
+  return frame.system ? name : painter.Bold(name);
+}
+
+PaintedLine FrameLine(const Frame& frame, const Columns& columns, const TextLayout& layout,
+                      const Painter& painter) {
+  const std::string name = Padded(NameOf(frame), columns.name);
+  const std::string place = ShortenedInFront(PlaceOf(frame, layout), columns.place);
+  return {PaintedName(frame, name, painter) + std::string(kColumnGap, ' ') + painter.Dim(place),
+          columns.name + kColumnGap + WidthOf(place)};
+}
+
+PaintedLine Note(const std::string& note, size_t width, bool warning, const Painter& painter) {
+  const std::string text = Shortened(note, width);
+  return {warning ? painter.Warning(text) : painter.Dim(text), WidthOf(text)};
+}
+
+std::string_view KernelName(std::string_view frame, const TextLayout& layout) {
+  return layout.whole_paths ? frame : KernelFunction(frame);
+}
+
+}  // namespace
+
+std::vector<PaintedLine> UserStackLines(const Thread& thread, size_t width, size_t most_frames,
+                                        const TextLayout& layout, const Painter& painter) {
+  std::vector<PaintedLine> lines;
+  if (thread.failed) {
+    const std::string why = thread.failed->empty() ? "" : ": " + std::string(*thread.failed);
+    lines.push_back(Note("could not be read" + why, width, true, painter));
+  } else if (thread.user.empty()) {
+    lines.push_back(Note(thread.has_user ? "no frames" : "not in the log", width, true, painter));
+  }
+  const Columns columns = ColumnsOf(thread, width, layout);
+  for (size_t i = 0; i < thread.user.size(); ++i) {
+    const size_t left = thread.user.size() - i;
+    if (i >= most_frames && left > 1 && !layout.whole_paths) {
+      lines.push_back(Note(fmt::format("{} more frames: --all", left), width, false, painter));
+      break;
+    }
+    for (const std::string_view inlined : thread.user[i]->inlined) {
+      const std::string name = Shortened(InlinedName(inlined), columns.name);
+      lines.push_back({painter.Bold(name), WidthOf(name)});
+    }
+    lines.push_back(FrameLine(*thread.user[i], columns, layout, painter));
+  }
+  return lines;
+}
+
+std::vector<PaintedLine> KernelStackLines(const Thread& thread, size_t width,
+                                          const TextLayout& layout, const Painter& painter) {
+  std::vector<PaintedLine> lines;
+  bool decided = false;
+  for (const std::string_view frame : thread.kernel) {
+    const bool decides = !decided && FindKernelWait(KernelFunction(frame)) != nullptr;
+    decided = decided || decides;
+    const std::string name = Shortened(KernelName(frame, layout), width);
+    lines.push_back({decides ? painter.Bold(name) : painter.Dim(name), WidthOf(name)});
+  }
+  if (!thread.has_kernel) {
+    lines.push_back(Note("not in the log", width, false, painter));
+  } else if (thread.state != '\0') {
+    lines.push_back(Note(fmt::format("no stack, state {}", thread.state), width, false, painter));
+  } else if (thread.kernel.empty()) {
+    lines.push_back(Note("empty", width, false, painter));
+  }
+  return lines;
+}
+
+size_t KernelStackWidth(const Thread& thread, const TextLayout& layout) {
+  size_t width = 0;
+  for (const std::string_view frame : thread.kernel) {
+    width = std::max(width, WidthOf(KernelName(frame, layout)));
+  }
+  return width;
+}
+
+}  // namespace report
