@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "kernel_line.h"
+#include "overview.h"
 #include "reason.h"
 #include "safe_text.h"
 
@@ -26,18 +27,19 @@ FrameClass ClassOf(const Frame& frame) {
   return frame.role == Role::kOwn && !frame.system ? FrameClass::kOwn : FrameClass::kLibrary;
 }
 
-// The frame that asked for the wait: the innermost of the program's own code, or else the innermost
-// that is not the machinery of waiting.
-int TellingFrame(const std::vector<const Frame*>& user) {
-  int first_library = kNone;
-  for (size_t i = 0; i < user.size(); ++i) {
-    const FrameClass frame_class = ClassOf(*user[i]);
-    if (frame_class == FrameClass::kOwn) return static_cast<int>(i);
-    if (frame_class == FrameClass::kLibrary && first_library == kNone) {
-      first_library = static_cast<int>(i);
-    }
+// What a thread is to the watched one; the values are indices of THREAD_PLACES in page/data.js.
+enum class Place { kOther, kSameWait, kSameFunction, kIdle };
+
+using Places = std::unordered_map<const Thread*, Place>;
+
+void SetPlaces(const std::vector<ThreadGroup>& groups, Places* places) {
+  for (const ThreadGroup& group : groups) {
+    const Place place = group.idle                                  ? Place::kIdle
+                        : group.relation == Relation::kSameWait     ? Place::kSameWait
+                        : group.relation == Relation::kSameFunction ? Place::kSameFunction
+                                                                    : Place::kOther;
+    for (const Thread* thread : group.threads) (*places)[thread] = place;
   }
-  return first_library;
 }
 
 std::string Hex(uint64_t value) {
@@ -121,17 +123,23 @@ int DataBuilder::StackIndex(const Thread& thread) {
   if (is_new) {
     const Reason reason = FindReason(&thread);
     stacks_.push_back({user, kernel, failed, String(reason.kind), String(reason.text),
-                       TellingFrame(thread.user)});
+                       thread.has_user, thread.state == '\0' ? "" : std::string(1, thread.state)});
   }
   return entry->second;
 }
 
 void DataBuilder::Add(const Incident& incident) {
+  const Overview overview = MakeOverview(incident);
+  Places places;
+  for (const auto* groups : {&overview.related, &overview.idle}) SetPlaces(*groups, &places);
   json threads = json::array();
   for (const Thread& thread : incident.threads) {
     threads.push_back(thread.tid);
     threads.push_back(StackIndex(thread));
+    threads.push_back(static_cast<int>(places[&thread]));
   }
+  json printed = json::array();
+  for (std::string_view line : incident.printed) printed.push_back(String(line));
   json problems = json::array();
   for (const std::string& problem : incident.problems) problems.push_back(String(problem));
   incidents_.push_back({
@@ -147,7 +155,9 @@ void DataBuilder::Add(const Incident& incident) {
       {"signatureId", String(incident.signature_id)},
       {"kind", String(incident.reason.kind)},
       {"reason", String(incident.reason.text)},
+      {"hint", NonEmptyString(overview.hint)},
       {"threads", std::move(threads)},
+      {"printed", std::move(printed)},
       {"problems", std::move(problems)},
       {"problemCount", incident.problem_count},
   });

@@ -3,19 +3,25 @@
 
 const FRAME_CLASSES = ['own', 'library', 'waiting'];
 
+// What a thread is to the watched one.
+const THREAD_PLACES = ['other', 'same wait', 'same function', 'idle'];
+const NUMBERS_A_THREAD = 3;  // its id, its stack, its place
+
 function readData(json) {
   const raw = JSON.parse(json);
   const strings = raw.strings.map(visibleText);
   const string = (index) => (index < 0 ? null : strings[index]);
   const frames = raw.frames.map((fields) => readFrame(fields, string));
   const kernelFrames = raw.kernelFrames.map((fields) => readKernelFrame(fields, string));
-  const stacks = raw.stacks.map(([user, kernel, failed, kind, text, telling], index) => ({
+  const stacks = raw.stacks.map(([user, kernel, failed, kind, text, hasUser, state], index) => ({
     index,
     user: user.map((frame) => frames[frame]),
     kernel: kernel.map((frame) => kernelFrames[frame]),
     failed: string(failed),
     reason: {kind: string(kind), text: string(text)},
-    telling,
+    hasUser,
+    state,
+    isCut: !hasUser && failed < 0 && (kernel.length > 0 || state !== ''),
   }));
   const incidents = raw.incidents.map((fields, index) => readIncident(fields, index, string));
   const signatures = rankSignatures(raw, incidents, string);
@@ -57,7 +63,9 @@ function readIncident(fields, index, string) {
     program: string(fields.program),
     fingerprint: string(fields.fingerprint),
     reason: {kind: string(fields.kind), text: string(fields.reason)},
-    threads: fields.threads,  // id and stack of each in turn, the watched one first
+    hint: string(fields.hint),
+    threads: fields.threads,  // NUMBERS_A_THREAD each, the watched one first
+    printed: fields.printed.map(string),
     problems: fields.problems.map(string),
     problemCount: fields.problemCount,
     signatureId: string(fields.signatureId),
@@ -70,16 +78,10 @@ function rankSignatures(raw, incidents, string) {
   const byId = new Map(raw.ranking.map(([id, frames]) =>
     [string(id), {id: string(id), frames: frames.map(string), incidents: []}]));
   for (const incident of incidents) {
-    if (!byId.has(incident.signatureId)) {
-      byId.set(incident.signatureId, {id: incident.signatureId, frames: [], incidents: []});
-    }
     incident.signature = byId.get(incident.signatureId);
     incident.signature.incidents.push(incident);
   }
-  const ranked = raw.ranking.length;
-  const known = [...byId.values()];
-  const signatures = [...known.slice(0, ranked), ...known.slice(ranked).sort((a, b) =>
-    b.incidents.length - a.incidents.length)].filter((signature) => signature.incidents.length > 0);
+  const signatures = [...byId.values()];
   signatures.forEach(summarise);
   return signatures;
 }
@@ -97,8 +99,12 @@ function summarise(signature, index) {
 
 function timeSpan(incidents) {
   const times = incidents.map((incident) => incident.time).filter((time) => time !== null);
-  if (times.length === 0) return {first: null, last: null};
-  return {first: times.reduce((a, b) => Math.min(a, b)), last: times.reduce((a, b) => Math.max(a, b))};
+  const pick = (choose) => (times.length > 0 ? times.reduce((a, b) => choose(a, b)) : null);
+  return {first: pick(Math.min), last: pick(Math.max)};
+}
+
+function hangName({watch, program}) {
+  return `${watch ?? 'unnamed watch'} in ${program ?? 'unknown program'}`;
 }
 
 // Milliseconds since the epoch. A time without a zone is the device's own: it is placed as if it
@@ -122,17 +128,11 @@ function dayText(time) {
 // The threads of an incident: the watched one first, then by id.
 function threadsOf(data, incident) {
   const threads = [];
-  for (let i = 0; i < incident.threads.length; i += 2) {
-    const tid = incident.threads[i];
-    threads.push({tid, stack: data.stacks[incident.threads[i + 1]], watched: tid === incident.tid});
+  for (let i = 0; i < incident.threads.length; i += NUMBERS_A_THREAD) {
+    const [tid, stack, place] = incident.threads.slice(i, i + NUMBERS_A_THREAD);
+    threads.push({
+      tid, stack: data.stacks[stack], place: THREAD_PLACES[place], watched: tid === incident.tid,
+    });
   }
   return threads;
-}
-
-// The raw log, which the page holds deflated. Resolves to its text.
-async function readLog(incident) {
-  const block = document.getElementById(`log-${incident.index}`);
-  const bytes = Uint8Array.from(atob(block.textContent), (character) => character.charCodeAt(0));
-  const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
-  return new Response(stream).text();
 }

@@ -28,7 +28,6 @@ function setProperties(node, properties) {
 // Control characters, and those that change the direction of text, would hide what a name really
 // says: they are shown as symbols.
 function visibleText(text) {
-  // eslint-disable-next-line no-control-regex
   return text.replace(/[\u0000-\u001f\u007f-\u009f\u200b-\u200f\u2028-\u202e\u2066-\u2069\ufeff]/g,
       (character) => {
         const code = character.charCodeAt(0);
@@ -37,11 +36,14 @@ function visibleText(text) {
       });
 }
 
-function countOf(number, singular, plural = singular + 's') {
-  return `${number.toLocaleString('en')} ${number === 1 ? singular : plural}`;
+const numberFormat = new Intl.NumberFormat('en');
+
+function countOf(number, noun) {
+  return `${numberFormat.format(number)} ${noun}${number === 1 ? '' : 's'}`;
 }
 
 // Fills a list in steps, so that thousands of entries cost nothing until they are asked for.
+// Returns the button for the next step.
 function appendInSteps(list, items, render, step) {
   const more = element('button', {type: 'button', class: 'more', onclick: () => showNext(true)});
   let shown = 0;
@@ -52,22 +54,15 @@ function appendInSteps(list, items, render, step) {
     const rest = items.length - shown;
     more.textContent = `Show ${Math.min(rest, step)} more of ${rest}`;
     more.hidden = rest === 0;
-    if (moveFocus && next.length > 0) next[0].querySelector('a, summary, button')?.focus();
+    if (moveFocus) next[0].querySelector?.('a, summary, button')?.focus();
   };
   showNext(false);
   return more;
 }
 
 // Fills a disclosure when it is first opened.
-function disclosure(summary, buildBody, properties = {}) {
-  const details = element('details', properties, summary);
-  let built = false;
-  const build = () => {
-    if (built || !details.open) return;
-    built = true;
-    details.append(buildBody());
-  };
-  details.addEventListener('toggle', build);
-  build();
+function disclosure(summary, buildBody) {
+  const details = element('details', {}, summary);
+  details.addEventListener('toggle', () => details.append(buildBody()), {once: true});
   return details;
 }

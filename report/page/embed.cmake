@@ -1,7 +1,7 @@
 # Writes a C++ source that holds the page's parts as strings:
 #   cmake -DOUTPUT=FILE -P embed.cmake
 # The scripts follow one another in this order, as one.
-set(scripts dom data grouping search stack_view icicle overview incident page)
+set(scripts dom data search grouping stack_view icicle_tree icicle cause groups raw_log incident overview page)
 
 function(append_text name)
   set(text "")

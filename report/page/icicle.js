@@ -3,63 +3,23 @@
 // makes a box as wide as the picture; arrow keys move from box to box.
 
 const ROW_HEIGHT = 22;
-const MIN_BOX_WIDTH = 2;  // pixels; a narrower box is seen by zooming
+const BOX_GAP = 1;
+const MIN_BOX_WIDTH = 1.5;  // pixels; a narrower box is seen by zooming
+const TOWER_WIDTH = 8;      // pixels; a narrower box stands for all below it, too
+const LABEL_WIDTH = 14;     // pixels; a narrower box has no space for a letter
+const DESCRIBED_IDS = 40;   // of the threads in the box under the pointer
 
-function icicleTree(threads) {
-  const root = newBox('all threads', 'library', null, null);
-  for (const thread of threads) {
-    let box = root;
-    enter(box, thread);
-    for (const frame of [...thread.stack.user].reverse()) box = enter(child(box, frame), thread);
-    if (thread.stack.user.length === 0) {
-      const label = thread.stack.failed === null ? 'no user stack' : 'not unwound';
-      box = enter(child(box, {label, class: 'waiting'}), thread);
-    }
-    for (const frame of [...thread.stack.kernel].reverse()) box = enter(child(box, frame), thread);
-  }
-  arrange(root);
-  return root;
+// A box, its widest child, that one's widest child and so on.
+function columnOf(box) {
+  const column = [];
+  for (let part = box; part !== undefined; part = part.children[0]) column.push(part);
+  return column;
 }
 
-function newBox(label, kind, frame, parent) {
-  return {
-    label, kind, parent, frames: new Set(frame === null ? [] : [frame]), threads: [],
-    children: new Map(), watched: false, depth: parent === null ? 0 : parent.depth + 1, start: 0,
-  };
-}
-
-function child(box, frame) {
-  const key = `${frame.class}\n${frame.label}`;
-  const found = box.children.get(key);
-  if (found !== undefined) {
-    found.frames.add(frame);
-    return found;
-  }
-  const made = newBox(frame.label, frame.class, frame, box);
-  box.children.set(key, made);
-  return made;
-}
-
-function enter(box, thread) {
-  box.threads.push(thread);
-  box.watched ||= thread.watched;
-  return box;
-}
-
-// Places the children of a box: the watched thread's on the left, then the widest.
-function arrange(root) {
-  const open = [root];
-  while (open.length > 0) {
-    const box = open.pop();
-    box.children = [...box.children.values()].sort((a, b) => b.watched - a.watched ||
-        b.threads.length - a.threads.length || (a.label < b.label ? -1 : 1));
-    let start = box.start;
-    for (const inner of box.children) {
-      inner.start = start;
-      start += inner.threads.length;
-      open.push(inner);
-    }
-  }
+function colourSteps(column) {
+  const steps = column.map((box, row) =>
+    `var(--${box.kind}) ${row * ROW_HEIGHT}px ${(row + 1) * ROW_HEIGHT}px`);
+  return `linear-gradient(${steps.join(', ')})`;
 }
 
 class Icicle {
@@ -73,7 +33,8 @@ class Icicle {
       onpointerover: (event) => this.onPointer(event, (box) => this.describe(box)),
       onfocusin: (event) => this.onPointer(event, (box) => this.describe(box)),
     });
-    this.reset = element('button', {type: 'button', onclick: () => this.zoom(this.root)}, 'Show all threads');
+    this.reset = element('button', {type: 'button', onclick: () => this.zoom(this.root)},
+        'Show all threads');
     this.detail = element('div', {class: 'icicle-detail'});
     this.boxes = new Map();  // a shown box's element
     this.load(threads);
@@ -99,24 +60,11 @@ class Icicle {
     this.draw();
   }
 
-  // Draws the zoomed box, those that it stands in at full width above it, and all below it.
   draw() {
     const width = this.picture.clientWidth;
     if (width === 0) return;  // not in the document yet
     const hadFocus = this.picture.contains(document.activeElement);
-    this.boxes.clear();
-    let rows = 0;
-    const perThread = width / this.zoomed.threads.length;
-    for (let outer = this.zoomed.parent; outer !== null; outer = outer.parent) this.show(outer, 0, width);
-    const open = [this.zoomed];
-    while (open.length > 0) {
-      const box = open.pop();
-      const boxWidth = box.threads.length * perThread;
-      if (boxWidth < MIN_BOX_WIDTH) continue;
-      this.show(box, (box.start - this.zoomed.start) * perThread, boxWidth);
-      rows = Math.max(rows, box.depth + 1);
-      open.push(...box.children);
-    }
+    const rows = this.layOut(width);
     if (!this.boxes.has(this.current)) this.current = this.zoomed;
     this.boxes.get(this.current).tabIndex = 0;
     const inOrder = [...this.boxes.keys()].sort((a, b) => a.depth - b.depth || a.start - b.start);
@@ -126,18 +74,49 @@ class Icicle {
     if (hadFocus) this.boxes.get(this.current).focus({preventScroll: true});
   }
 
-  show(box, left, width) {
+  // Makes the elements of the zoomed box, of those that it stands in at full width above it, and of
+  // all below it. Returns the number of rows.
+  layOut(width) {
+    this.boxes.clear();
+    for (let outer = this.zoomed.parent; outer !== null; outer = outer.parent) {
+      this.show(outer, 0, width, [outer]);
+    }
+    let rows = 0;
+    const perThread = width / this.zoomed.threads.length;
+    const open = [this.zoomed];
+    while (open.length > 0) {
+      const box = open.pop();
+      const boxWidth = box.threads.length * perThread;
+      if (boxWidth < MIN_BOX_WIDTH) continue;
+      const isTower = boxWidth < TOWER_WIDTH;
+      const column = isTower ? columnOf(box) : [box];
+      this.show(box, (box.start - this.zoomed.start) * perThread, boxWidth, column);
+      rows = Math.max(rows, box.depth + column.length);
+      if (!isTower) open.push(...box.children);
+    }
+    return rows;
+  }
+
+  // Shows a box; a column of more than one box as one tower of their colours.
+  show(box, left, width, column) {
     const outer = box.depth < this.zoomed.depth;
-    const matches = this.search !== null && [...box.frames].some((frame) => this.search.frames.has(frame));
-    const classes = ['box', box.kind, outer && 'outer', box.watched && 'watched', matches && 'match'];
+    const matches = this.search !== null && column.some((part) =>
+      [...part.frames].some((frame) => this.search.frames.has(frame)));
+    const classes = ['box', box.kind, outer && 'outer', box.watched && 'watched',
+      matches && 'match'];
+    const spoken = `${box.label}, ${this.share(box)}`;
     const node = element('div', {
       class: classes.filter(Boolean).join(' '), role: 'treeitem', tabindex: -1,
+      title: spoken, 'aria-label': box.watched ? `${spoken}, the watched one among them` : spoken,
       'aria-level': box.depth + 1, 'aria-selected': String(box === this.zoomed),
-      'aria-label': `${box.label}, ${this.share(box)}${box.watched ? ', the watched one among them' : ''}`,
-    }, width < 14 ? '' : box.label);
-    node.style.left = `${left}px`;
-    node.style.width = `${width - (width > 6 ? 1 : 0)}px`;
-    node.style.top = `${box.depth * ROW_HEIGHT}px`;
+    }, width < LABEL_WIDTH ? '' : box.label);
+    Object.assign(node.style, {
+      left: `${left}px`,
+      width: `${width < TOWER_WIDTH ? width : width - BOX_GAP}px`,
+      top: `${box.depth * ROW_HEIGHT}px`,
+      height: `${column.length * ROW_HEIGHT - BOX_GAP}px`,
+    });
+    if (column.length > 1 && !matches) node.style.background = colourSteps(column);
     node.box = box;
     this.boxes.set(box, node);
   }
@@ -153,7 +132,7 @@ class Icicle {
     this.detail.replaceChildren(
         element('p', {class: 'mono'}, element('strong', {}, frame?.function ?? box.label)),
         element('p', {class: 'mono muted'}, `${where}${source}`),
-        element('p', {}, `${this.share(box)}: ${threadIds(box.threads, 40)}`));
+        element('p', {}, `${this.share(box)}: ${threadIds(box.threads, DESCRIBED_IDS)}`));
   }
 
   onPointer(event, act) {
@@ -197,20 +176,25 @@ class Icicle {
   }
 }
 
-function icicleSection(threads, idleThreads, painters) {
+function icicleSection(threads, painters) {
   const icicle = new Icicle(threads);
-  const busy = threads.filter((thread) => !idleThreads.has(thread));
-  const onlyBusy = element('input', {type: 'checkbox', id: 'only-busy'});
-  onlyBusy.addEventListener('change', () => icicle.load(onlyBusy.checked ? busy : threads));
-  const canLeaveOut = busy.length > 0 && busy.length < threads.length;
   painters.push((search) => icicle.paint(search));
-  const legend = [['own', 'own code'], ['library', 'libraries'], ['waiting', 'waiting'],
+  const kinds = [['own', 'own code'], ['library', 'libraries'], ['waiting', 'waiting'],
     ['kernel', 'kernel'], ['watched', 'watched thread']];
+  const legend = kinds.map(([kind, text]) => element('li', {class: kind}, text));
+  const help = 'Width: threads. Click a box to zoom, or use the arrow keys and Enter.';
   return element('section', {'aria-labelledby': 'icicle-heading'},
       element('h2', {id: 'icicle-heading'}, 'All threads in one picture'),
-      element('div', {class: 'tools'}, icicle.reset,
-          canLeaveOut ? element('label', {}, onlyBusy, ` leave out the ${threads.length - busy.length} idle`) : null,
-          element('ul', {class: 'legend'}, ...legend.map(([kind, text]) => element('li', {class: kind}, text))),
-          element('span', {class: 'muted'}, 'Width: threads. Click a box to zoom.')),
+      element('div', {class: 'tools'}, icicle.reset, idleSwitch(icicle, threads),
+          element('ul', {class: 'legend'}, ...legend), element('span', {class: 'muted'}, help)),
       icicle.picture, icicle.detail);
+}
+
+// Leaves the idle threads out of the picture, where some but not all are.
+function idleSwitch(icicle, threads) {
+  const busy = threads.filter((thread) => thread.place !== 'idle');
+  if (busy.length === 0 || busy.length === threads.length) return null;
+  const box = element('input', {type: 'checkbox', id: 'only-busy'});
+  box.addEventListener('change', () => icicle.load(box.checked ? busy : threads));
+  return element('label', {}, box, ` leave out the ${threads.length - busy.length} idle`);
 }

@@ -4,7 +4,7 @@
 //   #incident/N     one incident
 
 const SEARCH_DELAY_MS = 150;
-const app = {data: null, search: null, painters: []};
+const app = {data: null, search: null, painters: [], overview: null};
 
 function currentSearch() {
   return app.search;
@@ -23,16 +23,25 @@ function show() {
   const view = document.getElementById('view');
   if (incident === null) {
     app.painters = [];
-    view.replaceChildren(...overview(app, signature));
+    showOverview(view, signature);
     document.title = `${countOf(app.data.incidents.length, 'incident')} – quorvel-report`;
   } else {
     const {nodes, painters} = incidentView(app, incident);
     app.painters = painters;
     view.replaceChildren(...nodes);
-    document.title = `${incident.watch ?? 'Unnamed watch'} in ${incident.program ?? 'unknown program'} – quorvel-report`;
+    document.title = `${hangName(incident)} – quorvel-report`;
     painters.forEach((paint) => paint(app.search));
   }
   showSearchStatus();
+}
+
+// The overview that was shown last is kept: whoever returns from an incident finds it as it was.
+function showOverview(view, signature) {
+  const words = app.search?.words;
+  if (app.overview?.signature !== signature || app.overview.words !== words) {
+    app.overview = {signature, words, nodes: overview(app, signature), scroll: null, focused: null};
+  }
+  view.replaceChildren(...app.overview.nodes);
 }
 
 function showSearchStatus() {
@@ -44,7 +53,9 @@ function showSearchStatus() {
   const counts = app.search.threadCounts;
   const {incident} = route();
   const here = incident === null ? '' : `${countOf(counts[incident.index], 'thread')} here, `;
-  status.textContent = `${here}${countOf(counts.filter((count) => count > 0).length, 'incident')} of ${counts.length}`;
+  const matching = counts.filter((count) => count > 0).length;
+  const all = numberFormat.format(counts.length);
+  status.textContent = `${here}${countOf(matching, 'incident')} of ${all}`;
 }
 
 function onSearch(query) {
@@ -55,11 +66,23 @@ function onSearch(query) {
 }
 
 function onNavigation() {
+  const before = app.overview;
   show();
-  const {signature} = route();
-  const target = signature ? document.getElementById('incidents') : document.getElementById('view');
-  document.getElementById('view').focus({preventScroll: true});
-  target.scrollIntoView();
+  const {incident, signature} = route();
+  const returned = incident === null && app.overview === before && before.scroll !== null;
+  const focused = returned && before.focused ? before.focused : document.getElementById('view');
+  focused.focus({preventScroll: true});
+  if (returned) window.scrollTo(0, before.scroll);
+  else if (signature) document.getElementById('incidents').scrollIntoView();
+  else window.scrollTo(0, 0);
+}
+
+// A link of the overview is about to be followed.
+function rememberPlace(event) {
+  const link = event.target.closest('.incidents a');
+  if (link === null) return;
+  app.overview.scroll = window.scrollY;
+  app.overview.focused = link;
 }
 
 function start() {
@@ -72,6 +95,7 @@ function start() {
   document.getElementById('theme').addEventListener('change', (event) => {
     document.documentElement.dataset.theme = event.target.value;
   });
+  document.getElementById('view').addEventListener('click', rememberPlace);
   window.addEventListener('hashchange', () => {
     if (location.hash !== '#view') onNavigation();
   });

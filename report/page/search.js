@@ -17,7 +17,7 @@ function searchData(data, query) {
 
 function matchingThreads(incident, stacks) {
   let count = 0;
-  for (let i = 1; i < incident.threads.length; i += 2) {
+  for (let i = 1; i < incident.threads.length; i += NUMBERS_A_THREAD) {
     if (stacks[incident.threads[i]]) ++count;
   }
   return count;
@@ -31,5 +31,6 @@ function paintText(node, text, search) {
     return;
   }
   const end = at + search.words.length;
-  node.replaceChildren(text.slice(0, at), element('mark', {}, text.slice(at, end)), text.slice(end));
+  const found = element('mark', {}, text.slice(at, end));
+  node.replaceChildren(text.slice(0, at), found, text.slice(end));
 }

@@ -1,7 +1,7 @@
 // A stack as a list of frames, innermost first. The painters are called again when the search
 // changes.
 
-function stackList(stack, frames, emptyText, painters) {
+function stackList(frames, emptyText, painters) {
   if (frames.length === 0) return element('p', {class: 'empty'}, emptyText);
   const items = frames.map((frame, number) => frameItem(frame, number, painters));
   return element('ol', {class: 'stack'}, ...items);
@@ -31,21 +31,26 @@ function exactText(frame) {
   if (frame.offset !== '0') parts.push(`offset 0x${frame.offset}`);
   parts.push(frame.module);
   if (frame.function !== null) parts.push(`(${frame.function}+${frame.functionOffset})`);
-  return parts.join('  ');
+  return parts.join(' ');
 }
 
 function userStackText(stack) {
   if (stack.failed !== null) return `Could not be unwound: ${stack.failed || 'no reason given'}`;
-  return 'The log has no user stack of this thread.';
+  return stack.hasUser ? 'No frame was found.' : 'The log has no user stack of this thread.';
+}
+
+function kernelStackText(stack) {
+  return stack.state === '' ? 'The log has no kernel stack of this thread.' :
+      `The log has no kernel stack of this thread; its state was ${stack.state}.`;
 }
 
 // The user and the kernel stack of one thread side by side.
 function stackColumns(stack, painters) {
   return element('div', {class: 'columns'},
       element('div', {}, element('h3', {}, 'User stack'),
-          stackList(stack, stack.user, userStackText(stack), painters)),
+          stackList(stack.user, userStackText(stack), painters)),
       element('div', {}, element('h3', {}, 'Kernel stack'),
-          stackList(stack, stack.kernel, 'The log has no kernel stack of this thread.', painters)));
+          stackList(stack.kernel, kernelStackText(stack), painters)));
 }
 
 // Functions in one line, the called one first.

@@ -94,16 +94,16 @@ class OneIncident(PageTest):
         cause = self.browser.text(".cause")
         self.assertRegex(cause, r"Thread 15634 waits for a mutex[^\n]*asked for by\s+"
                                 r"lock_account_b ← transfer_a_to_b")
-        self.assertRegex(cause, r"Thread 15635 waits for a mutex[^\n]*\s+"
+        self.assertRegex(cause, r"Thread 15635: waits for a mutex[^\n]*\s+"
                                 r"lock_account_a ← transfer_b_to_a")
 
     def test_groups_come_watched_then_rare_then_idle_in_one_line(self):
         groups = self.browser.texts(".groups > li")
         self.assertEqual(len(groups), 4)
-        self.assertRegex(groups[0], "^1 thread watched")
+        self.assertRegex(groups[0], "^1 thread watched – waits")
         self.assertIn("15635", groups[1])
         self.assertIn("read_header", groups[2])
-        self.assertRegex(groups[3], r"^57 threads only idle \(57 condition\)\s*$")
+        self.assertRegex(groups[3], r"^57 threads – only idle \(57 condition\)\s*$")
 
     def test_group_unfolds_to_both_stacks(self):
         self.browser.click(".groups > li:nth-child(3) summary")
@@ -154,11 +154,25 @@ class OneIncident(PageTest):
         self.browser.click(".groups > li:nth-child(3) summary")
         self.browser.wait("return document.querySelector('.groups .stack mark')?.textContent === 'read_head'")
 
+    def test_addresses_and_paths_show_on_demand(self):
+        self.assertNotIn(sample_logs.SERVICE, self.browser.text(".stack"))
+        self.browser.click("#exact")
+        self.assertIn(f"{sample_logs.SERVICE} (lock_account_b+45)", self.browser.text(".stack"))
+
     def test_raw_log_is_the_file(self):
         self.browser.click(".raw-log summary")
         self.browser.wait("return document.querySelector('.raw-log pre') !== null")
         shown = self.browser.execute_script("return document.querySelector('.raw-log pre').textContent")
         self.assertEqual(shown.rstrip("\n"), self.log.rstrip("\n"))
+
+    def test_long_raw_log_comes_in_steps(self):
+        self.open(self.log + "printed by the program\n" * 12000)
+        self.browser.click(".raw-log summary")
+        for _ in range(2):
+            self.browser.wait("return document.querySelector('.raw-log .more:not([hidden])') !== null")
+            self.browser.click(".raw-log .more")
+        self.assertEqual(self.browser.execute_script(
+            "return document.querySelector('.raw-log pre').textContent.match(/printed by/g).length"), 12000)
 
     def test_theme_switch_overrides_the_system(self):
         colour = "return getComputedStyle(document.body).backgroundColor"
@@ -168,6 +182,15 @@ class OneIncident(PageTest):
         self.assertNotEqual(light, dark)
         self.browser.find_element("id", "theme").send_keys("Light")
         self.assertEqual(self.browser.execute_script(colour), light)
+
+
+class Condition(PageTest):
+    def test_cause_names_the_thread_of_the_pool_that_is_stuck(self):
+        threads = {1: sample_logs.idle("close_day"), 2: sample_logs.socket_read("fetch_rate", "price")}
+        threads.update({10 + i: sample_logs.idle() for i in range(50)})
+        self.open(sample_logs.log_text(threads))
+        self.assertRegex(self.browser.text(".cause"), r"Thread 2: waits for a socket[^$]*fetch_rate ← price")
+        self.assertNotIn("take_job", self.browser.text(".cause"))
 
 
 class HostileLogs(PageTest):
@@ -201,6 +224,11 @@ class HostileLogs(PageTest):
         self.browser.wait("return document.querySelector('.raw-log pre') !== null")
         self.assertIn("␛[31m\ufffdgnp.exe\ufffd", self.browser.text(".raw-log pre"))
 
+    def test_log_cut_after_the_kernel_stacks_says_so(self):
+        text = sample_logs.log_text({7: sample_logs.idle(), 8: sample_logs.idle()})
+        self.open(text[:text.index("tid = 8\n  #00")])
+        self.assertRegex(self.browser.text(".warning"), r"cut short: 1 thread [^\n]*\(8\)")
+
     def test_log_without_stacks_still_opens(self):
         self.open("Mon Nov 23 10:00:00 2026\ntimeout tid: 7\n")
         self.assertIn("no stack of the watched thread 7", self.browser.text(".cause"))
@@ -221,7 +249,7 @@ class ManyIncidents(PageTest):
         self.browser.wait("return document.querySelector('.cause') !== null")
         self.assertIn("work_b", self.browser.text(".cause"))
         self.browser.back()
-        self.browser.wait("return document.querySelectorAll('.incidents li').length === 2")
+        self.browser.wait("return document.activeElement === document.querySelector('.incidents li a')")
 
     def test_search_leaves_the_incidents_that_match(self):
         self.open(*self.logs())
