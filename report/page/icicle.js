@@ -196,5 +196,5 @@ function idleSwitch(icicle, threads) {
   if (busy.length === 0 || busy.length === threads.length) return null;
   const box = element('input', {type: 'checkbox', id: 'only-busy'});
   box.addEventListener('change', () => icicle.load(box.checked ? busy : threads));
-  return element('label', {}, box, ` leave out the ${threads.length - busy.length} idle`);
+  return element('label', {}, box, ` leave out ${countOf(threads.length - busy.length, 'idle thread')}`);
 }

@@ -97,14 +97,6 @@ class OneIncident(PageTest):
         self.assertRegex(cause, r"Thread 15635: waits for a mutex[^\n]*\s+"
                                 r"lock_account_a ← transfer_b_to_a")
 
-    def test_groups_come_watched_then_rare_then_idle_in_one_line(self):
-        groups = self.browser.texts(".groups > li")
-        self.assertEqual(len(groups), 4)
-        self.assertRegex(groups[0], "^1 thread watched – waits")
-        self.assertIn("15635", groups[1])
-        self.assertIn("read_header", groups[2])
-        self.assertRegex(groups[3], r"^57 threads – only idle \(57 condition\)\s*$")
-
     def test_group_unfolds_to_both_stacks(self):
         self.browser.click(".groups > li:nth-child(3) summary")
         self.browser.wait("return document.querySelector('.groups .stack') !== null")
@@ -184,7 +176,18 @@ class OneIncident(PageTest):
         self.assertEqual(self.browser.execute_script(colour), light)
 
 
-class Condition(PageTest):
+class Pool(PageTest):
+    def test_groups_come_watched_then_rare_then_idle_in_one_line(self):
+        threads = {9: sample_logs.mutex_wait("pay"), 8: sample_logs.socket_read("resolve")}
+        threads.update({1 + i: sample_logs.socket_read("read_header") for i in range(3)})
+        threads.update({10 + i: sample_logs.idle() for i in range(57)})
+        self.open(sample_logs.log_text(threads))
+        watched, rare, common, idle = self.browser.texts(".groups > li")
+        self.assertRegex(watched, "^1 thread watched – waits for a mutex.* 9")
+        self.assertRegex(rare, "^1 thread – .* 8\\s+resolve$")
+        self.assertRegex(common, "^3 threads – .* 1, 2, 3\\s+read_header$")
+        self.assertRegex(idle, r"^57 threads – only idle \(57 condition\)\s*$")
+
     def test_cause_names_the_thread_of_the_pool_that_is_stuck(self):
         threads = {1: sample_logs.idle("close_day"), 2: sample_logs.socket_read("fetch_rate", "price")}
         threads.update({10 + i: sample_logs.idle() for i in range(50)})
