@@ -1,8 +1,9 @@
 // For builds with the thread sanitizer alone: tells it of the library's locks.
 //
 // While a thread is inside a blocking call the sanitizer does not record its calls, and the
-// unwinder's handler does interrupt threads there: the sanitizer would see what the handler reads but
-// not the locks that it holds. The linker redirects the library's calls of these names (--wrap).
+// unwinder's handler does interrupt threads there: the sanitizer would see what the handler reads
+// but not the locks that it holds. The linker redirects the library's calls of these names
+// (--wrap).
 
 #include <pthread.h>
 
