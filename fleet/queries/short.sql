@@ -1,0 +1,14 @@
+-- Which watches may have too short a timeout: incidents of watches armed for a few seconds alone?
+--   from      first day
+--   to        last day
+--   seconds   at most this long (2)
+-- Incidents whose log does not say how long are left out.
+SELECT
+    program, watch, countIf(armed_seconds <= {seconds:UInt32}) AS incidents,
+    uniqExactIf(device, armed_seconds <= {seconds:UInt32}) AS devices,
+    count() AS incidents_of_any_length
+FROM fleet.incidents FINAL
+WHERE day BETWEEN {from:Date} AND {to:Date} AND armed_seconds > 0
+GROUP BY program, watch
+HAVING incidents > 0
+ORDER BY incidents DESC, program, watch

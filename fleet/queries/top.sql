@@ -1,0 +1,26 @@
+-- Which hangs does a period have most of, and how many of the active devices do they hit?
+--   from      first day
+--   to        last day
+--   program   of this program alone; empty: of all ()
+--   top       number of hangs (20)
+-- devices_per_thousand counts against the devices that are active on a day of the period, in the mean.
+SELECT
+    signature_id, of_program AS program, of_watch AS watch, reason, incidents, devices,
+    round(1000 * devices / (
+        SELECT sum(devices) / uniqExact(day) FROM fleet.active_devices FINAL
+        WHERE day BETWEEN {from:Date} AND {to:Date}
+    ), 3) AS devices_per_thousand,
+    first_seen, last_seen, text AS signature
+FROM
+(
+    SELECT
+        signature_id, any(program) AS of_program, any(watch) AS of_watch, any(reason_kind) AS reason,
+        any(signature) AS text, count() AS incidents, uniqExact(device) AS devices,
+        min(time) AS first_seen, max(time) AS last_seen
+    FROM fleet.incidents FINAL
+    WHERE day BETWEEN {from:Date} AND {to:Date}
+        AND ({program:String} = '' OR program = {program:String})
+    GROUP BY signature_id
+)
+ORDER BY incidents DESC, signature_id
+LIMIT {top:UInt32}
