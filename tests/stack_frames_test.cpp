@@ -1,6 +1,7 @@
 // The frames of a stack, against what a debugger and the code itself say, and of stacks and files
 // that lie.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <link.h>
 #include <poll.h>
@@ -443,6 +444,44 @@ TEST_F(StackFramesOfRegisters, ShowNoCallerOfAWildCallThatReturnsToNoCode) {
   }
   UnwindFrom(0, end_ - 4, 0);
   EXPECT_EQ(frames_.size(), 1u) << "half of a return address";
+}
+
+// As an archive holds a library uncompressed, a page into it.
+TEST_F(StackFramesOfRegisters, OfAnImageWithinAnotherFileHaveItsOffsetAndNames) {
+  void* const library = dlopen(UNWIND_PLUGIN_A, RTLD_NOW);
+  const uint64_t vaddr =
+      AddressOf(dlsym(library, "plugin_call_a")) - static_cast<link_map*>(library)->l_addr;
+  dlclose(library);
+  const std::string file = test_root::Path("/archive");
+  const std::string content = std::string(page_, '\0') + test_root::ReadFile(UNWIND_PLUGIN_A);
+  test_root::WriteFile(file, content);
+  const int fd = open(file.c_str(), O_RDONLY);
+  void* const code = mmap(nullptr, content.size(), PROT_READ | PROT_EXEC, MAP_PRIVATE, fd,
+                          static_cast<off_t>(page_));
+  close(fd);
+  UnwindFrom(AddressOf(code) + vaddr, sp_, 0);
+  EXPECT_EQ(frames_[0].map_elf_start_offset, page_);
+  EXPECT_EQ(frames_[0].rel_pc, vaddr);
+  EXPECT_EQ(Name(frames_, 0), "plugin_call_a");
+  munmap(code, content.size());
+}
+
+TEST_F(StackFramesOfRegisters, OfAFileThatIsNoImageCountFromItsStart) {
+  const std::string file = test_root::Path("/code");
+  test_root::WriteFile(file, std::string(2 * page_, '\0'));
+  const int fd = open(file.c_str(), O_RDONLY);
+  void* const code =
+      mmap(nullptr, page_, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, static_cast<off_t>(page_));
+  close(fd);
+  UnwindFrom(AddressOf(code) + 16, sp_, 0);
+  EXPECT_EQ(frames_[0].rel_pc, page_ + 16);
+  munmap(code, page_);
+}
+
+TEST_F(StackFramesOfRegisters, OfAnotherArchitectureAreRefused) {
+  ucontext_t here;
+  ASSERT_EQ(getcontext(&here), 0);
+  EXPECT_EQ(unwindstack::Regs::CreateFromUcontext(unwindstack::ARCH_MIPS, &here), nullptr);
 }
 
 TEST_F(StackFramesOfRegisters, EndWhereTheStackCannotBeRead) {
