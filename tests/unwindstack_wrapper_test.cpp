@@ -410,15 +410,21 @@ TEST_F(UnwindstackWrapperSilence, OfAThreadThatBlocksTheSignalLeavesItIgnored) {
   UnblockAndUnwindAgain();
 }
 
-TEST_F(UnwindstackWrapperSilence, BlocksNoLaterAnswerByItsLateSignal) {
+TEST_F(UnwindstackWrapperSilence, BlocksItsLateSignalFromTheHandlerOfAnotherExchange) {
   EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
-  ParkedThread unblocking([this](const auto&) {
-    usleep(200000);  // until the unwinder waits again
-    unblock_ = true;
+  std::atomic<bool> other_blocked{false};
+  ParkedThread other([&](const auto& stop) {
+    BlockUnwindSignal(true);
+    other_blocked = true;
+    usleep(200000);  // until the unwinder waits for this thread
+    for (unblock_ = true; blocked_;) usleep(1000);
+    BlockUnwindSignal(false);
+    Sleep(stop);
   });
-  EXPECT_TRUE(unwinder_.unwind(thread_.tid(), nullptr, 64));
-  thread_.Stop();
-  EXPECT_EQ(Entry::list_->ref_count_, 1) << "the handler ran for either signal";
+  while (!other_blocked) usleep(1000);
+  log_.Clear();
+  EXPECT_TRUE(unwinder_.unwind(other.tid(), nullptr, 64));
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty()) << "the first thread ran the handler";
 }
 
 TEST_F(UnwindstackWrapperSilence, OfAThreadThatEndsSaysSo) {
