@@ -389,7 +389,7 @@ class WatchHppRace : public WatchHpp {
     std::vector<std::thread> owners;
     for (int owner = 0; owner < kOwners; ++owner) {
       owners.emplace_back([=] {
-        for (int turn = 0; turn < kTurns; ++turn) UseOne(turn, owner * turn % 50, use);
+        for (int turn = 0; turn < kTurns; ++turn) UseOne(turn, owner * turn % 8, use);
       });
     }
     for (std::thread& owner : owners) owner.join();
@@ -417,7 +417,7 @@ class WatchHppRace : public WatchHpp {
 };
 
 void AwaitCall(const Watch& watch) {
-  for (int i = 0; i < 20 && !watch.fired(); ++i) std::this_thread::yield();
+  for (int i = 0; i < 8 && !watch.fired(); ++i) std::this_thread::yield();
 }
 
 TEST_F(WatchHppRace, EndsAtAnyMoment) {
