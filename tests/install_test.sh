@@ -27,7 +27,7 @@ flags="$(pkg-config --cflags --libs quorvel) $link_flags -pthread"
 "$cc" -std=c99 $strict $c_flags "$source/examples/hang_service.c" $flags -o "$stage/service"
 # shellcheck disable=SC2086
 "$cxx" -x c++ -std=c++17 $strict $cxx_flags - $flags -o "$stage/idle" <<<'
-#include <quorvel/watch.hpp>
+#include <quorvel/durations.hpp>
 int main() { return quorvel::Watch("", std::chrono::seconds(1)).armed(); }'
 # shellcheck disable=SC2086
 [[ $("$cc" -E -P $flags - <<<$'#include <quorvel/quorvel.h>\nQUORVEL_VERSION_STRING' | tail -n 1) == \

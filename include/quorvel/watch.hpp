@@ -27,6 +27,8 @@
 //   - In the child of a fork a copied watch belongs to a process that is gone: End has no effect on
 //     the library there, never waits, and destroys the child's copy of the callable, unless it was
 //     running in the parent at the fork.
+//     That does not hold yet in a fork handler that was registered before the first watch with a
+//     callable: end none there.
 //
 // The callable runs on the library's monitor thread, as QuorvelCallback in quorvel.h says, with no
 // lock of this header held. It must not throw: that ends the process.
