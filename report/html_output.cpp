@@ -37,7 +37,7 @@ bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
                const Ranking& ranking, std::string* error) {
   const std::string nonce = MakeNonce();
   ReplacedFile file(path);
-  std::string_view rest = kPageHtml;
+  std::string_view rest = kPageHtml;  // "@" stands in it only around a part's name
   while (!rest.empty()) {
     const size_t begin = rest.find('@');
     file.Write(rest.substr(0, begin));

@@ -52,7 +52,7 @@ function stepsBar(app, incident) {
       element('a', {href: '#/'}, 'All incidents'),
       element('a', {href: `#signature/${incident.signature.index}`},
           `${at + 1} of ${same.length} with this signature`),
-      link(same[at - 1], 'Previous'), link(same[at + 1], 'Next'));
+      link(same[at - 1], 'Newer'), link(same[at + 1], 'Older'));
 }
 
 // What could not be read, and the threads that the log lost its user stacks of.

@@ -52,10 +52,12 @@ function showSearchStatus() {
   }
   const counts = app.search.threadCounts;
   const {incident} = route();
-  const here = incident === null ? '' : `${countOf(counts[incident.index], 'thread')} here, `;
   const matching = counts.filter((count) => count > 0).length;
-  const all = numberFormat.format(counts.length);
-  status.textContent = `${here}${countOf(matching, 'incident')} of ${all}`;
+  const parts = incident === null ? [] : [`${countOf(counts[incident.index], 'thread')} here`];
+  if (counts.length > 1) {
+    parts.push(`${countOf(matching, 'incident')} of ${numberFormat.format(counts.length)}`);
+  }
+  status.textContent = parts.join(', ');
 }
 
 function onSearch(query) {

@@ -52,10 +52,13 @@ def make_page(texts):
 
 
 class PageTest(unittest.TestCase):
+    browser = None  # one for all tests: each opens a page of its own
+
     @classmethod
     def setUpClass(cls):
-        cls.browser = browser.Browser()
-        cls.addClassCleanup(cls.browser.quit)
+        if PageTest.browser is None:
+            PageTest.browser = browser.Browser()
+            unittest.addModuleCleanup(PageTest.browser.quit)
 
     def open(self, *texts, address=""):
         page, directory = make_page(texts)
@@ -277,6 +280,7 @@ class Accessibility(PageTest):
     def violations(self):
         with open(AXE, encoding="utf-8") as file:
             self.browser.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
+            self.addCleanup(self.browser.execute_cdp_cmd, "Page.setBypassCSP", {"enabled": False})
             self.browser.refresh()
             self.browser.wait("return document.documentElement.dataset.ready === 'true'")
             self.browser.execute_script(file.read())
