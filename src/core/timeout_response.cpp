@@ -23,8 +23,8 @@ constexpr int64_t kRatePeriodSeconds = 60;
 constexpr uint32_t kRateLimit = 6;
 constexpr uint32_t kRateLimitedFlags = QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE;
 
-// Monitor thread only. The count is never reset: a new period moves only its start, so a process
-// that keeps hanging is soon down to one incident a period.
+// Monitor thread only. A new period changes the start alone: the count goes on for the life of the
+// process, so one that keeps hanging is soon down to one incident a period.
 struct RatePeriod {
   int64_t start = 0;  // wall-clock seconds
   uint32_t count = 0;
