@@ -128,6 +128,12 @@ TEST_F(Core, AnIdOutsideThePoolIsRefused) {
   EXPECT_EQ(Armed(), 1u);
 }
 
+TEST_F(Core, AFreeNodeAnswersToNoId) {
+  EXPECT_EQ(quorvel_update(0, 5), QUORVEL_INVALID_ID);
+  quorvel_end(0);
+  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(0)));
+}
+
 TEST_F(Core, AnEndedWatchIsGoneAtOnceAndEndedOnce) {
   const uint32_t id = Start(1);
   quorvel_end(id);

@@ -44,6 +44,7 @@ class Process : public testing::Test {
   Process() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     fakes.sleep = [this](unsigned seconds) {
+      pthread_getname_np(pthread_self(), thread_name_, sizeof(thread_name_));
       const int sleep = ++sleeps_;
       while (allowed_sleeps_ < sleep) std::this_thread::yield();
       const bool cut_short = sleep <= cut_short_;
@@ -86,6 +87,7 @@ class Process : public testing::Test {
   std::atomic<int> sleeps_{0}, allowed_sleeps_{0}, threads_made_{0};
   int cut_short_ = 0;
   std::string slept_;
+  char thread_name_[16] = "";
   ScopedFakes restore_;
   LogCapture log_;
 };
@@ -101,6 +103,7 @@ TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
     quorvel_init();
     AwaitSleep(4);
     EXPECT_EQ(slept_, "1! 1! 1 ");
+    EXPECT_STREQ(thread_name_, "quorvel");
     EXPECT_EQ(Cursor(), 2);
   };
   EXPECT_ENDS_WELL(body);
