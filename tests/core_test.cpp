@@ -372,6 +372,15 @@ TEST_F(CoreRecovery, ADamagedRecordReadsAsFarAsItIsOne) {
   ExpectRecord("x,1763315480", "1,1763315480");
   ExpectRecord("3abc,99def", "4,1763315480");
   ExpectRecord("-1,0", "-1,0");
+  ExpectRecord("5,1763315479,0", "5,1763315479,0");
+}
+
+TEST_F(CoreRecovery, TheIncidentIsReportedBeforeTheExit) {
+  test_root::MakeEmptyDir("/data/log/dravik/");
+  test_root::SetProperty("dravik.event.12.config", "1");
+  const QuorvelTimeoutInfo info = {0, nullptr, 1, "n", kNow, nullptr, QUORVEL_FLAG_RECOVERY};
+  EXPECT_EXIT(QuorvelTimeoutResponse(info, false), ExitedWithCode(1), "");
+  EXPECT_NE(test_root::ReadFile(test_root::Path(test_root::kJournal)), "");
 }
 
 TEST_F(CoreRecovery, TheSwitchOfItsOwnSideAloneForbidsIt) {
@@ -389,11 +398,11 @@ TEST_F(CoreRecovery, TheSwitchOfItsOwnSideAloneForbidsIt) {
 }
 
 TEST_F(CoreRecovery, ARefusalSaysHowOftenAndWhen) {
-  test_root::SetProperty(kRecord, "5,1763315400");
+  test_root::SetProperty(kRecord, "7,1763315400");
   LogCapture log;
   QuorvelRecover(false);
   EXPECT_THAT(log.Lines(),
-              ElementsAre("I/QUORVEL: quorvel recovery limit count:5 last happen time:1763315400",
+              ElementsAre("I/QUORVEL: quorvel recovery limit count:7 last happen time:1763315400",
                           "E/QUORVEL: Skip exit, because it has recovery more than 5 times\n"));
 }
 
