@@ -122,13 +122,15 @@ TEST_F(WatchHpp, ACallableThatTheRateLimitDropsIsDestroyedAtTheEnd) {
 }
 
 TEST_F(WatchHpp, ALateCallFindsNeitherItsOwnCallableNorTheNextOneInItsPlace) {
-  Watch late, next;
-  Watch first("first", kSecond, [&] {
-    EXPECT_EQ(late.End(), State::kExpired);  // collected in the same tick
+  Watch freed, replaced, next;
+  Watch first("first", kSecond, [&] {  // the others were collected in the same tick
+    EXPECT_EQ(freed.End(), State::kExpired);
+    EXPECT_EQ(replaced.End(), State::kExpired);
     EXPECT_EQ(Alive(), 0);
-    next = Watch("next", kSecond, [life = life_] { *life = 2; });
+    next = Watch("next", kSecond, [life = life_] { *life = 3; });
   });
-  late = Watch("late", kSecond, [life = life_] { *life = 1; });
+  freed = Watch("freed", kSecond, [life = life_.get()] { *life = 1; });
+  replaced = Watch("replaced", kSecond, [life = life_] { *life = 2; });
   Expire();
   EXPECT_EQ(*life_, 0);
   EXPECT_EQ(next.state(), State::kArmed);
