@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "function_name.h"
 #include "reason_table.h"
 
 namespace report {
@@ -77,7 +78,11 @@ bool IsSystemMap(std::string_view map) {
 Role RoleOf(const Frame& frame) {
   if (frame.function.empty()) return frame.system ? Role::kWaiting : Role::kOwn;
   if (FindUserWait(frame.plain) != nullptr) return Role::kWaiting;
-  return IsPlumbing(frame.plain) ? Role::kPlumbing : Role::kOwn;
+  return IsForwarder(frame.function) || IsPlumbing(frame.plain) ? Role::kPlumbing : Role::kOwn;
+}
+
+bool IsTelling(const Frame& frame) {
+  return frame.role != Role::kWaiting && !IsPlumbing(frame.plain);
 }
 
 }  // namespace report

@@ -17,4 +17,7 @@ bool IsSystemMap(std::string_view map);
 // The role of a frame of which everything else is known.
 Role RoleOf(const Frame& frame);
 
+// True for a frame whose plain name tells where the program was.
+bool IsTelling(const Frame& frame);
+
 }  // namespace report

@@ -35,6 +35,7 @@ const Frame* FrameTable::Add(const FrameLine& line) {
   if (frame.plain.empty()) frame.plain = frame.label;
   frame.system = IsSystemMap(frame.map);
   frame.role = RoleOf(frame);
+  frame.telling = IsTelling(frame);
   return &frames_.emplace_back(frame);
 }
 

@@ -154,6 +154,32 @@ std::string WithOneLambda(std::string plain) {
   return plain;
 }
 
+bool NamesLambda(std::string_view text) {
+  return text.find("{lambda") != text.npos || text.find("$_") != text.npos;
+}
+
+// The lambda among the template arguments of a function, down through std's own templates; empty
+// when there is none.
+std::string_view LambdaArgument(std::string_view function) {
+  const size_t open = function.find('<');
+  if (open == function.npos) return "";
+  const std::string_view inside = function.substr(open, BracketEnd(function.substr(open)));
+  for (size_t begin = 1; begin < inside.size();) {
+    size_t end = begin;
+    while (end < inside.size() && inside[end] != ',' && inside[end] != '>') {
+      const bool bracket = inside[end] == '<' || inside[end] == '(' || inside[end] == '{';
+      end += bracket ? BracketEnd(inside.substr(end)) : 1;
+    }
+    std::string_view argument = inside.substr(begin, std::min(end, inside.size()) - begin);
+    argument.remove_prefix(std::min(argument.find_first_not_of(' '), argument.size()));
+    if (NamesLambda(argument)) {
+      return StartsWith(argument, "std::") ? LambdaArgument(argument) : argument;
+    }
+    begin = end + 1;
+  }
+  return "";
+}
+
 // "::h" and 16 hexadecimal digits, which change with each build of a crate.
 void RemoveHash(std::string* plain) {
   constexpr size_t kHash = 3 + 16;
@@ -176,9 +202,18 @@ std::string Demangle(std::string_view symbol) {
   return status == 0 && demangled != nullptr ? demangled.get() : std::string(symbol);
 }
 
+bool IsForwarder(std::string_view function) {
+  const std::string name = WithoutReturnType(WithoutBrackets(function));
+  return StartsWith(name, "std::") || StartsWith(name, "__gnu_cxx::");
+}
+
 std::string PlainName(std::string_view function) {
   std::string_view name = function.substr(0, function.find('@'));
   name = name.substr(0, CloneSuffix(name));
+  if (NamesLambda(name) && IsForwarder(name)) {
+    const std::string_view lambda = LambdaArgument(name);
+    if (!lambda.empty()) name = lambda.substr(0, lambda.find_last_not_of("&* ") + 1);
+  }
   std::string plain = WithOneLambda(WithoutReturnType(WithoutBrackets(name)));
   RemoveHash(&plain);
   return plain.empty() ? std::string(function) : plain;

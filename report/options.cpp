@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <map>
 
+#include "safe_text.h"
+
 namespace report {
 namespace {
 
@@ -68,7 +70,7 @@ bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
   if (!options->html_file.empty()) options->format = Format::kHtml;
   for (const std::string& label : labels) {
     const size_t equals = label.find('=');
-    options->labels.emplace_back(label.substr(0, equals), label.substr(equals + 1));
+    options->labels.emplace_back(SafeText(label.substr(0, equals)), SafeText(label.substr(equals + 1)));
   }
   return true;
 }

@@ -76,11 +76,10 @@ UserWait WaitOnTopOf(const std::vector<const Frame*>& user) {
     if (wait == nullptr) continue;
     if (found.wait == nullptr || !wait->kind.empty() || found.wait->kind.empty()) {
       found.wait = wait;
-      found.function = user[i]->plain;
+      found.function = CanonicalWaitName(user[i]->plain);
     }
     found.frames = i + 1;
   }
-  while (!found.function.empty() && found.function.front() == '_') found.function.remove_prefix(1);
   return found;
 }
 

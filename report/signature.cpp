@@ -32,7 +32,7 @@ std::vector<std::string_view> TellingNames(const Thread& thread) {
   std::vector<std::string_view> names;
   for (const Frame* frame : thread.user) {
     for (const std::string_view inlined : frame->inlined_plain) AddName(&names, inlined);
-    if (frame->role == Role::kOwn) AddName(&names, frame->plain);
+    if (frame->telling) AddName(&names, frame->plain);
   }
   return names;
 }
@@ -40,7 +40,7 @@ std::vector<std::string_view> TellingNames(const Thread& thread) {
 std::string_view KindOfWait(const Thread& thread) {
   const UserWait user = WaitOnTopOf(thread.user);
   if (user.wait == nullptr) return thread.user.empty() ? "kernel" : "no wait";
-  return user.wait->kind.empty() ? CanonicalWaitName(user.function) : user.wait->kind;
+  return user.wait->kind.empty() ? user.function : user.wait->kind;
 }
 
 std::vector<std::string_view> KernelNames(const Thread& thread) {

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <unordered_map>
 
@@ -48,14 +49,13 @@ class Module {
     GElf_Addr bias = 0;
     if (module_ != nullptr && dwfl_module_getelf(module_, &bias) == nullptr) module_ = nullptr;
     bias_ = bias;
+    if (module_ != nullptr) IndexUnits();
   }
 
   void Describe(TextPool* pool, Frame* frame) const {
     if (module_ == nullptr) return;
-    const Dwarf_Addr address = frame->pc + bias_;
-    AddName(address, pool, frame);
-    AddSource(address, pool, frame);
-    AddInlined(address, pool, frame);
+    AddName(frame->pc + bias_, pool, frame);
+    AddSource(frame->pc, pool, frame);
   }
 
  private:
@@ -70,16 +70,6 @@ class Module {
     frame->function_offset = offset;
   }
 
-  void AddSource(Dwarf_Addr address, TextPool* pool, Frame* frame) const {
-    Dwfl_Line* const line = dwfl_module_getsrc(module_, address);
-    int number = 0;
-    const char* const file = line == nullptr
-                                 ? nullptr
-                                 : dwfl_lineinfo(line, nullptr, &number, nullptr, nullptr, nullptr);
-    if (file == nullptr) return;
-    frame->source = pool->Intern(fmt::format("{}:{}", fs::path(file).filename().string(), number));
-  }
-
   static const char* NameOf(Dwarf_Die* die) {
     Dwarf_Attribute attribute;
     for (const unsigned name : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name}) {
@@ -90,32 +80,131 @@ class Module {
     return dwarf_diename(die);
   }
 
-  void AddInlined(Dwarf_Addr address, TextPool* pool, Frame* frame) const {
-    Dwarf_Addr bias = 0;
-    Dwarf_Die* const unit = dwfl_module_addrdie(module_, address, &bias);
-    Dwarf_Die* found = nullptr;
-    if (unit == nullptr || dwarf_getscopes(unit, address - bias, &found) <= 0) return;
-    Dwarf_Die innermost = found[0];
-    free(found);
-    Dwarf_Die* scopes = nullptr;
-    const int count = dwarf_getscopes_die(&innermost, &scopes);
-    for (int i = 0; i < count && dwarf_tag(&scopes[i]) != DW_TAG_subprogram; ++i) {
-      if (dwarf_tag(&scopes[i]) != DW_TAG_inlined_subroutine) continue;
-      const char* const name = NameOf(&scopes[i]);
-      if (name == nullptr) continue;
-      const std::string function = Demangle(name);
-      frame->inlined.push_back(pool->Intern(function));
-      Frame as_frame;
-      as_frame.function = frame->inlined.back();
-      as_frame.plain = pool->Intern(PlainName(function));
-      if (RoleOf(as_frame) == Role::kOwn) frame->inlined_plain.push_back(as_frame.plain);
-    }
-    if (count > 0) free(scopes);
+  static std::string SourceText(const char* file, int line) {
+    return fmt::format("{}:{}", fs::path(file).filename().string(), line);
   }
+
+  // Where the call that was inlined stands in its caller; empty when it is not told.
+  static std::string CallSource(Dwarf_Die* unit, Dwarf_Die* inlined) {
+    Dwarf_Attribute attribute;
+    Dwarf_Word file = 0, line = 0;
+    Dwarf_Files* files = nullptr;
+    size_t count = 0;
+    if (dwarf_formudata(dwarf_attr(inlined, DW_AT_call_file, &attribute), &file) != 0 ||
+        dwarf_formudata(dwarf_attr(inlined, DW_AT_call_line, &attribute), &line) != 0 ||
+        dwarf_getsrcfiles(unit, &files, &count) != 0 || file >= count) {
+      return "";
+    }
+    const char* const name = dwarf_filesrc(files, file, nullptr, nullptr);
+    return name == nullptr ? "" : SourceText(name, static_cast<int>(line));
+  }
+
+  static std::string LineSource(Dwarf_Die* unit, Dwarf_Addr address) {
+    Dwarf_Line* const line = dwarf_getsrc_die(unit, address);
+    int number = 0;
+    const char* const name = line == nullptr ? nullptr : dwarf_linesrc(line, nullptr, nullptr);
+    if (name == nullptr || dwarf_lineno(line, &number) != 0) return "";
+    return SourceText(name, number);
+  }
+
+  // The source is where the program's own code stands: calls of the C++ library that were inlined
+  // there are passed over.
+  void AddSource(Dwarf_Addr address, TextPool* pool, Frame* frame) const {
+    Dwarf_Die unit;
+    if (!FindUnit(address, &unit)) return;
+    std::vector<Dwarf_Die> calls;
+    FindInlined(&unit, address, &calls);
+    std::string source = LineSource(&unit, address);
+    bool own = false;
+    for (size_t i = calls.size(); i-- > 0;) {
+      own = AddInlined(&calls[i], pool, frame) || own;
+      if (!own) source = CallSource(&unit, &calls[i]);
+    }
+    frame->source = pool->Intern(source);
+  }
+
+  // The calls that were inlined at an address, outermost first. (dwarf_getscopes does not look into
+  // namespaces, where one of the compilers puts functions.)
+  static bool FindInlined(Dwarf_Die* scope, Dwarf_Addr address, std::vector<Dwarf_Die>* calls) {
+    Dwarf_Die child;
+    int result = dwarf_child(scope, &child);
+    for (; result == 0; result = dwarf_siblingof(&child, &child)) {
+      switch (dwarf_tag(&child)) {
+        case DW_TAG_namespace:
+        case DW_TAG_class_type:
+        case DW_TAG_structure_type:
+          if (FindInlined(&child, address, calls)) return true;
+          break;
+        case DW_TAG_inlined_subroutine:
+        case DW_TAG_subprogram:
+        case DW_TAG_lexical_block:
+          if (dwarf_haspc(&child, address) <= 0) break;
+          if (dwarf_tag(&child) == DW_TAG_inlined_subroutine) calls->push_back(child);
+          FindInlined(&child, address, calls);
+          return true;
+        default:
+          break;
+      }
+    }
+    return false;
+  }
+
+  // True when the function is the program's own.
+  static bool AddInlined(Dwarf_Die* die, TextPool* pool, Frame* frame) {
+    const char* const name = NameOf(die);
+    if (name == nullptr) return false;
+    const std::string function = Demangle(name);
+    frame->inlined.push_back(pool->Intern(function));
+    Frame as_frame;
+    as_frame.function = frame->inlined.back();
+    as_frame.plain = pool->Intern(PlainName(function));
+    as_frame.role = RoleOf(as_frame);
+    // Without a linkage name a lambda, and the C++ library's templates on it, have a bare name.
+    const bool bare = function == "operator()" || function.substr(0, 2) == "__";
+    const bool own = !bare && IsTelling(as_frame) && as_frame.role == Role::kOwn;
+    if (own) frame->inlined_plain.push_back(as_frame.plain);
+    return own;
+  }
+
+  // Not every compiler writes an index of addresses: this is one of all units.
+  void IndexUnits() {
+    Dwarf_Addr bias = 0;
+    Dwarf* const dwarf = dwfl_module_getdwarf(module_, &bias);
+    Dwarf_CU* unit = nullptr;
+    Dwarf_Die die;
+    while (dwarf != nullptr &&
+           dwarf_get_units(dwarf, unit, &unit, nullptr, nullptr, &die, nullptr) == 0) {
+      Dwarf_Addr base = 0, begin = 0, end = 0;
+      std::ptrdiff_t offset = 0;
+      while ((offset = dwarf_ranges(&die, offset, &base, &begin, &end)) > 0) {
+        units_.push_back({begin, end, dwarf_dieoffset(&die)});
+      }
+    }
+    std::sort(units_.begin(), units_.end(),
+              [](const UnitRange& a, const UnitRange& b) { return a.begin < b.begin; });
+  }
+
+  // The unit with the code at an address of the file.
+  bool FindUnit(Dwarf_Addr address, Dwarf_Die* unit) const {
+    const auto next =
+        std::upper_bound(units_.begin(), units_.end(), address,
+                         [](Dwarf_Addr a, const UnitRange& range) { return a < range.begin; });
+    if (next == units_.begin() || address >= std::prev(next)->end) return false;
+    Dwarf_Addr bias = 0;
+    return dwarf_offdie(dwfl_module_getdwarf(module_, &bias), std::prev(next)->die, unit) !=
+           nullptr;
+  }
+
+  struct UnitRange {
+    Dwarf_Addr begin;
+    Dwarf_Addr end;
+    Dwarf_Off die;
+  };
 
   std::unique_ptr<Dwfl, decltype(&dwfl_end)> dwfl_;
   Dwfl_Module* module_ = nullptr;
-  Dwarf_Addr bias_ = 0;
+  Dwarf_Addr bias_ = 0;           // of libdwfl's addresses, which the symbols have, over the file's
+  std::vector<UnitRange> units_;  // by their first address
 };
 
 }  // namespace

@@ -1,0 +1,160 @@
+"""The program as it is called: options, outputs, exit statuses.
+
+    call_test.py QUORVEL_REPORT
+"""
+
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAM = sys.argv.pop(1)
+LOG = """Sun Nov 22 22:13:48 2026
+timeout tid: {tid}
+timeout function: {watch}
+time start: Sun Nov 22 22:13:45 2026
+Build fingerprint: a/b
+>>> service <<<
+
+kernel stack tid = {tid}
+[<0>] locks_lock_inode_wait+0x82/0x180
+
+kernel stack tid = 7
+[<0>] ep_poll+0x1/0x2
+
+tid = {tid}
+  #00 pc 00000000000f8895  /usr/lib/libc.so.6 (flock+5)
+  #01 pc 000000000000142d  /vendor/bin/a;b/service (_ZN6Config4loadEi+45)
+  #02 pc 000000000000242d (offset 0x1000)  /vendor/app.apk
+"""
+
+
+class CallTest(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.TemporaryDirectory()
+        self.addCleanup(self.dir.cleanup)
+        os.makedirs(self.path("below"))
+        for i, (where, watch) in enumerate((("", "load"), ("", "load"), ("below", "save"))):
+            self.write(os.path.join(where, f"quorvel@{1795382028123 + i * 60000}.log"),
+                       LOG.format(tid=100 + i, watch=watch))
+
+    def path(self, *names):
+        return os.path.join(self.dir.name, *names)
+
+    def write(self, name, text):
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
+
+    def run_it(self, *options, stdin="", status=0, **environment):
+        env = {"PATH": os.environ["PATH"], "COLUMNS": "80", **environment}
+        done = subprocess.run([PROGRAM, *options], input=stdin, text=True, capture_output=True,
+                              env=env, check=False, timeout=60)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return done
+
+    def lines(self, *options, **more):
+        return [json.loads(line) for line in self.run_it(*options, **more).stdout.splitlines()]
+
+    def test_a_wrong_call_is_taken_for_work(self):
+        for call in ([], ["--no-such", "x"], ["--json", "--rows", "x"], ["--label", "x", "y"],
+                     ["--color", "red", "x"], ["--top", "-1", "x"]):
+            done = self.run_it(*call, status=2)
+            self.assertTrue(done.stderr)
+            self.assertFalse(done.stdout)
+        self.assertIn("--folded", self.run_it("--help").stdout)
+        self.assertIn("quorvel-report", self.run_it("--version").stdout)
+
+    def test_one_bad_log_hides_the_others(self):
+        self.write("quorvel@1.log", "no log\n")
+        done = self.run_it("--json", self.dir.name, self.path("gone"), status=1)
+        self.assertEqual(len(done.stdout.splitlines()), 2)
+        self.assertIn("quorvel@1.log:1: ", done.stderr)
+        self.assertIn("gone:0: cannot open: No such file", done.stderr)
+
+    def test_logs_below_a_directory_are_read_unasked(self):
+        self.assertEqual(len(self.lines("--json", self.dir.name)), 2)
+        self.assertEqual(len(self.lines("--json", "--recursive", self.dir.name)), 3)
+
+    def test_standard_input_has_another_name_or_zone(self):
+        (incident,) = self.lines("--json", "-", stdin=LOG.format(tid=5, watch="w"))
+        self.assertEqual((incident["file"], incident["written"]), ("-", "2026-11-22T22:13:48"))
+
+    def test_labels_are_lost(self):
+        labels = ["--label", "device=a=b", "--label", "empty="]
+        for incident in self.lines("--json", *labels, self.dir.name):
+            self.assertEqual(incident["labels"], {"device": "a=b", "empty": ""})
+        for row in self.lines("--rows", *labels, self.dir.name):
+            self.assertEqual((row["label_keys"], row["label_values"]),
+                             (["device", "empty"], ["a=b", ""]))
+
+    def test_a_row_has_a_gap(self):
+        self.write("cut.log", "timeout tid: 5\n")
+        whole, cut = self.lines("--rows", self.path("quorvel@1795382028123.log"),
+                                self.path("cut.log"))
+        self.assertEqual(whole.keys(), cut.keys())
+        self.assertEqual([type(v) for v in whole.values()], [type(v) for v in cut.values()])
+        self.assertEqual(whole["written_ms"], 1795382028123)
+        self.assertEqual(whole["watched_user"], ["flock", "Config::load(int)", "[app.apk]"])
+        self.assertEqual(whole["watched_kernel"], ["locks_lock_inode_wait"])
+        self.assertEqual((whole["threads"], whole["reason_kind"]), (2, "file-lock"))
+
+    def test_folded_stacks_lose_threads(self):
+        self.assertEqual(self.run_it("--folded", "--recursive", self.dir.name).stdout.splitlines(),
+                         ["service;other;ep_poll_[k] 3",
+                          "service;watched;[app.apk];Config::load(int);flock 3"])
+
+    def test_symbolisers_find_no_frames(self):
+        text = self.run_it("--ndk", self.path("quorvel@1795382028123.log")).stdout
+        blank, banner, _, first, _, last = text.split("\n")[:6]
+        self.assertEqual((blank, banner), ("", " ".join(["***"] * 16)))
+        self.assertEqual(first.strip(), "#00 pc 00000000000f8895  /usr/lib/libc.so.6 (flock+5)")
+        self.assertEqual(last.strip(), "#02 pc 000000000000242d  /vendor/app.apk (offset 0x1000)")
+
+    def test_colours_come_unasked(self):
+        for options, environment, colours in (((), {}, False), (("--color=always",), {}, True),
+                                              (("--color=always",), {"NO_COLOR": "1"}, True),
+                                              (("--color=never",), {}, False)):
+            text = self.run_it(*options, self.dir.name, **environment).stdout
+            self.assertEqual("\x1b[" in text, colours, options)
+
+    def test_the_ranking_is_wrong_or_too_wide(self):
+        text = self.run_it("--recursive", self.dir.name).stdout
+        head, _, titles, first, second = text.splitlines()[:5]
+        self.assertIn("3 incidents, 2 signatures", head)
+        self.assertIn("frames", titles)
+        self.assertRegex(first, r"^ *2 service +load +11-22 21:13 +11-22 21:14 +file-lock +Config")
+        self.assertRegex(second, r"^ *1 service +save ")
+        self.assertLessEqual(max(map(len, text.splitlines())), 80)
+        self.assertIn("1 more", self.run_it("--top=1", "--recursive", self.dir.name).stdout)
+
+    def test_the_answer_is_not_on_the_first_screen(self):
+        text = self.run_it(self.path("quorvel@1795382028123.log")).stdout.splitlines()
+        self.assertEqual(text[0], 'service hung in "load" for 3 s')
+        self.assertIn("since 2026-11-22 22:13:45 UTC+01:00", text[1])
+        self.assertIn("waits for a file lock, in flock", text[3])
+        self.assertIn("asked for by Config::load(int)", text[4])
+        self.assertRegex("\n".join(text), r"flock\+5 .*libc.so.6 +locks_lock_inode_wait")
+        self.assertIn("The log was cut: 1 thread", "\n".join(text))
+
+    def test_all_shortens_a_path(self):
+        text = self.run_it("--all", self.dir.name, COLUMNS="120").stdout
+        self.assertEqual(text.count("/vendor/bin/a;b/service"), 2)
+
+    def test_a_page_that_cannot_be_written_is_no_failure(self):
+        self.run_it("--html", self.path("gone", "page.html"), self.dir.name, status=1)
+        self.run_it("--html", self.path("page.html"), self.dir.name)
+        with open(self.path("page.html"), encoding="utf-8") as page:
+            self.assertIn("<html", page.read())
+
+    def test_a_full_disk_goes_unnoticed(self):
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            done = subprocess.run([PROGRAM, "--json", self.dir.name], stdout=full,
+                                  stderr=subprocess.PIPE, text=True, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("cannot write", done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
