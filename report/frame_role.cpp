@@ -75,14 +75,13 @@ bool IsSystemMap(std::string_view map) {
                      [&name](std::string_view library) { return StartsWith(name, library); });
 }
 
-Role RoleOf(const Frame& frame) {
-  if (frame.function.empty()) return frame.system ? Role::kWaiting : Role::kOwn;
-  if (FindUserWait(frame.plain) != nullptr) return Role::kWaiting;
-  return IsForwarder(frame.function) || IsPlumbing(frame.plain) ? Role::kPlumbing : Role::kOwn;
+Role RoleOf(std::string_view function, std::string_view plain) {
+  if (FindUserWait(plain) != nullptr) return Role::kWaiting;
+  return IsForwarder(function) || IsPlumbing(plain) ? Role::kPlumbing : Role::kOwn;
 }
 
-bool IsTelling(const Frame& frame) {
-  return frame.role != Role::kWaiting && !IsPlumbing(frame.plain);
+bool IsTelling(Role role, std::string_view plain) {
+  return role != Role::kWaiting && !IsPlumbing(plain);
 }
 
 }  // namespace report

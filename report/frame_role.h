@@ -14,10 +14,10 @@ std::string MapName(std::string_view map);
 // True for the C and C++ libraries, the loader and what else comes with every system.
 bool IsSystemMap(std::string_view map);
 
-// The role of a frame of which everything else is known.
-Role RoleOf(const Frame& frame);
+// The role of a function by its demangled and its plain name.
+Role RoleOf(std::string_view function, std::string_view plain);
 
-// True for a frame whose plain name tells where the program was.
-bool IsTelling(const Frame& frame);
+// True for a function whose plain name tells where the program was.
+bool IsTelling(Role role, std::string_view plain);
 
 }  // namespace report

@@ -10,9 +10,16 @@ namespace report {
 const FrameTable::Names& FrameTable::NamesOf(std::string_view symbol) {
   const auto [entry, added] = names_by_symbol_.try_emplace(symbol);
   if (added) {
-    const std::string function = Demangle(symbol);
-    entry->second = {pool_->Intern(function), pool_->Intern(PlainName(function))};
+    const std::string function = Demangle(symbol), plain = PlainName(function);
+    const Role role = RoleOf(function, plain);
+    entry->second = {pool_->Intern(function), pool_->Intern(plain), role, IsTelling(role, plain)};
   }
+  return entry->second;
+}
+
+const FrameTable::Map& FrameTable::MapOf(std::string_view name) {
+  const auto [entry, added] = map_by_name_.try_emplace(name);
+  if (added) entry->second = {pool_->Intern("[" + MapName(name) + "]"), IsSystemMap(name)};
   return entry->second;
 }
 
@@ -25,18 +32,20 @@ const Frame* FrameTable::Add(const FrameLine& line) {
   frame.symbol = pool_->Intern(line.function);
   frame.function_offset = line.function_offset;
   if (symbols_ != nullptr) symbols_->Describe(pool_, &frame);
-  if (!frame.symbol.empty()) {
+  const Map& map = MapOf(frame.map);
+  frame.system = map.system;
+  if (frame.symbol.empty()) {
+    frame.label = frame.plain = map.label;
+    frame.role = map.system ? Role::kWaiting : Role::kOwn;
+    frame.telling = !map.system;
+  } else {
     const Names& names = NamesOf(frame.symbol);
-    frame.function = names.function;
+    frame.label = frame.function = names.function;
     frame.plain = names.plain;
+    frame.role = names.role;
+    frame.telling = names.telling;
   }
-  frame.label =
-      frame.function.empty() ? pool_->Intern("[" + MapName(frame.map) + "]") : frame.function;
-  if (frame.plain.empty()) frame.plain = frame.label;
-  frame.system = IsSystemMap(frame.map);
-  frame.role = RoleOf(frame);
-  frame.telling = IsTelling(frame);
-  return &frames_.emplace_back(frame);
+  return &frames_.emplace_back(std::move(frame));
 }
 
 const Frame* FrameTable::Find(std::string_view rest, bool may_be_cut) {

@@ -26,16 +26,24 @@ class FrameTable {
   struct Names {
     std::string_view function;
     std::string_view plain;
+    Role role = Role::kOwn;
+    bool telling = true;
+  };
+  struct Map {
+    std::string_view label;
+    bool system = false;
   };
 
   const Frame* Add(const FrameLine& line);
   const Names& NamesOf(std::string_view symbol);
+  const Map& MapOf(std::string_view name);
 
   TextPool* pool_;
   Symbols* symbols_;
   std::deque<Frame> frames_;
   std::unordered_map<std::string_view, const Frame*> frame_by_rest_;
   std::unordered_map<std::string_view, Names> names_by_symbol_;
+  std::unordered_map<std::string_view, Map> map_by_name_;
 };
 
 }  // namespace report

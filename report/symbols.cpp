@@ -155,14 +155,12 @@ class Module {
     if (name == nullptr) return false;
     const std::string function = Demangle(name);
     frame->inlined.push_back(pool->Intern(function));
-    Frame as_frame;
-    as_frame.function = frame->inlined.back();
-    as_frame.plain = pool->Intern(PlainName(function));
-    as_frame.role = RoleOf(as_frame);
+    const std::string plain = PlainName(function);
+    const Role role = RoleOf(function, plain);
     // Without a linkage name a lambda, and the C++ library's templates on it, have a bare name.
     const bool bare = function == "operator()" || function.substr(0, 2) == "__";
-    const bool own = !bare && IsTelling(as_frame) && as_frame.role == Role::kOwn;
-    if (own) frame->inlined_plain.push_back(as_frame.plain);
+    const bool own = !bare && role == Role::kOwn && IsTelling(role, plain);
+    if (own) frame->inlined_plain.push_back(pool->Intern(plain));
     return own;
   }
 
