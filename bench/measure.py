@@ -18,6 +18,8 @@ import tempfile
 import threading
 import time
 
+from report_bench import measure_report
+
 FRAMES = 25
 INCIDENTS = 10
 EU_STACK = ["eu-stack"]
@@ -191,6 +193,7 @@ def main():
     results["incidents"] = {count: measure_incidents(build, count) for count in THREAD_COUNTS}
     results["ways_to_unwind"] = measure_ways_to_unwind(build)
     results["library"] = library_size(build)
+    results["report"] = measure_report(build, ROUNDS, SHORT)
     monitor.thread.join()
     expect(monitor.result, "the monitor thread cannot be seen, or does not tick")
     results["quiet"] = monitor.result

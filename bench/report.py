@@ -217,6 +217,24 @@ class Report:
         return table([f"one thread of {self.results['frames']} frames", "median",
                       "99th percentile"], *rows)
 
+    def quorvel_report(self):
+        rows = []
+        for case, measured in self.results["report"].items():
+            seconds, grep = median(measured["report"]), median(measured["grep"])
+            speed = measured["megabytes"] / seconds
+            rows.append([case, f"{measured['megabytes']:.0f} MB", f"**{seconds:.2f} s**",
+                         f"{speed:.0f} MB/s", f"{measured['memory']:.0f} MB", f"{grep:.2f} s"])
+            if "10 logs" in case:
+                self.goal(f"`quorvel-report`, {case}", seconds, "≤", 1, " s")
+            elif "one log" in case:
+                self.goal(f"`quorvel-report`, {case}", seconds, "≤", 10, " s")
+                self.goal(f"memory of `quorvel-report`, {case}", measured["memory"], "≤", 1000,
+                          " MB")
+            else:
+                self.goal(f"`quorvel-report`, {case}", speed, "≥", 100, " MB/s")
+        return table(["`quorvel-report`, the text", "size", "time", "speed", "memory",
+                      "`grep -c` over the same files"], *rows)
+
     def save(self, figure, axis, name):
         axis.legend(loc="center left", bbox_to_anchor=(1, 0.5), frameon=False)
         figure.tight_layout()
@@ -238,6 +256,7 @@ SECTIONS = {
     "The stacks of all threads": Report.stacks,
     "A whole incident": Report.incident,
     "Ways to unwind": Report.ways_to_unwind,
+    "Reading logs": Report.quorvel_report,
 }
 
 HEAD = """<!-- Written by scripts/bench. What the figures mean: docs/performance.md -->

@@ -35,8 +35,8 @@ struct Frame {
   std::vector<std::string_view> inlined_plain;  // those of the program's own, by their plain names
   uint8_t pc_digits = 16;                       // as many as the log has: 8 of a 32-bit process
   Role role = Role::kOwn;
-  bool system = false;   // in a library of the system, not in the program's own code
-  bool telling = true;   // part of what makes two hangs the same
+  bool system = false;  // in a library of the system, not in the program's own code
+  bool telling = true;  // part of what makes two hangs the same
 };
 
 struct Thread {

@@ -28,12 +28,16 @@ void AddDirectory(const fs::path& directory, bool recursive, Inputs* inputs) {
     if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
       directories.push_back(entry->path());
     } else if (IsLogName(entry->path().filename().string())) {
-      logs.push_back(entry->path());
+      if (entry->is_regular_file(ignored)) {
+        logs.push_back(entry->path());
+      } else {  // reading a pipe of that name would block
+        inputs->errors.push_back(SafeText(entry->path().string()) + ":0: not a regular file");
+      }
     }
   }
   if (error) {
     inputs->errors.push_back(
-        fmt::format("{}: cannot list: {}", SafeText(directory.string()), error.message()));
+        fmt::format("{}:0: cannot list: {}", SafeText(directory.string()), error.message()));
   }
   std::sort(logs.begin(), logs.end());
   for (const fs::path& log : logs) inputs->files.push_back(log.string());

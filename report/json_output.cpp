@@ -73,6 +73,10 @@ std::vector<std::string_view> FunctionsOf(const std::vector<std::string_view>& k
 void WriteJson(const Incident& incident, const Labels& labels, std::ostream* out) {
   Json threads = Json::array();
   for (const Thread& thread : incident.threads) threads.push_back(ThreadJson(thread));
+  Json problems = incident.problems;
+  if (incident.problem_count > incident.problems.size()) {
+    problems.push_back(fmt::format("{} more", incident.problem_count - incident.problems.size()));
+  }
   Json groups = Json::array();
   for (const Group& group : incident.groups) {
     groups.push_back({{"tids", group.tids}, {"user", group.user}});
@@ -93,7 +97,7 @@ void WriteJson(const Incident& incident, const Labels& labels, std::ostream* out
              {"threads", std::move(threads)},
              {"groups", std::move(groups)},
              {"labels", LabelsJson(labels)},
-             {"problems", incident.problems}},
+             {"problems", std::move(problems)}},
             out);
 }
 

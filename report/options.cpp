@@ -27,9 +27,10 @@ bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
       ->required();
   app.add_flag("--recursive", options->recursive, "Also the logs below the directories");
 
+  app.add_flag("--all", options->all, "Every incident in full, as text");
+
   bool json = false, rows = false, folded = false, ndk = false;
   CLI::Option_group* const formats = app.add_option_group("output", "What is written (one of)");
-  formats->add_flag("--all", options->all, "Every incident in full");
   formats->add_flag("--json", json, "One JSON object a line for each incident");
   formats->add_flag("--rows", rows, "One flat JSON object a line for each incident");
   formats->add_flag("--folded", folded, "Stacks of all threads, a line each, with their count");
@@ -70,7 +71,8 @@ bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
   if (!options->html_file.empty()) options->format = Format::kHtml;
   for (const std::string& label : labels) {
     const size_t equals = label.find('=');
-    options->labels.emplace_back(SafeText(label.substr(0, equals)), SafeText(label.substr(equals + 1)));
+    options->labels.emplace_back(SafeText(label.substr(0, equals)),
+                                 SafeText(label.substr(equals + 1)));
   }
   return true;
 }
