@@ -266,11 +266,14 @@ TEST_F(AndroidLog, AFileOrSocketThatTookTheNumberIsLeftAlone) {
   EXPECT_THAT(ReadAll(), HasSubstr(" W log     : 2 lines of this log were discarded"));
 }
 
-TEST_F(AndroidLog, AFileOpenedForAppendingIsWrittenTo) {
+TEST_F(AndroidLog, AFileOpenedForAppendingIsWrittenToAndNoSignalStaysBlocked) {
   const std::string path = test_root::Path("/data/turned_over.log");
   Use(-1, open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600));
   Log("into the next log of a daemon");
   EXPECT_THAT(test_root::ReadFile(path), HasSubstr("into the next log of a daemon\n"));
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
 }
 
 // Runs itself.
