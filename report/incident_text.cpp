@@ -48,7 +48,9 @@ class Writer {
     const Overview overview = MakeOverview(incident_);
     Head();
     Why();
-    if (!overview.hint.empty()) Line(std::string(kWhyIndent, ' ') + overview.hint);
+    if (!overview.hint.empty()) {
+      Line(std::string(kWhyIndent, ' ') + Shortened(overview.hint, WhyRoom()));
+    }
     WatchedStacks();
     Related(overview);
     Others(overview);
@@ -77,23 +79,29 @@ class Writer {
         incident_.watch ? fmt::format("\"{}\"", *incident_.watch) : "a watch without a name";
     const std::optional<int64_t> armed = incident_.ArmedSeconds();
     const std::string span = armed ? fmt::format(" for {} s", *armed) : "";
-    Line(painter_.Alarm(fmt::format("{} hung in {}{}", program, watch, span)));
+    // The span stays in sight of a watch with a long name.
+    const size_t room = layout_.width - std::min(layout_.width, WidthOf(span));
+    Line(painter_.Alarm(Shortened(fmt::format("{} hung in {}", program, watch), room) + span));
     Line(fmt::format("  since {}, thread {}", LocalText(incident_.started_local, incident_),
                      incident_.tid == 0 ? "unknown" : std::to_string(incident_.tid)));
     Line(painter_.Dim("  " + ShortenedInFront(incident_.file, layout_.width - kIndent.size())));
   }
 
+  size_t WhyRoom() const { return layout_.width - std::min(layout_.width, kWhyIndent); }
+
   void Why() {
-    Line(painter_.Heading("Why    ") + painter_.Bold(incident_.reason.text));
+    Line(painter_.Heading("Why    ") + painter_.Bold(Shortened(incident_.reason.text, WhyRoom())));
     const Thread* const watched = incident_.Watched();
     if (watched == nullptr) return;
     const Frame* const own = FindOwnFrame(watched->user);
-    if (own == nullptr || (incident_.reason.kind == "running" && own == watched->user.front()))
-      return;
-    std::string source = MapName(own->map);
-    if (!own->source.empty()) source = own->source;
-    Line(std::string(kWhyIndent, ' ') + "asked for by " +
-         painter_.Bold(Shortened(own->label, layout_.width - 20)) + painter_.Dim(" in " + source));
+    const bool runs = incident_.reason.kind == "running";
+    if (own == nullptr || (runs && own == watched->user.front())) return;
+    const std::string place = own->source.empty() ? MapName(own->map) : std::string(own->source);
+    const std::string asked = runs ? "called by " : "asked for by ";
+    const std::string in = Shortened(" in " + place, WhyRoom() / 2);
+    const size_t room = WhyRoom() - std::min(WhyRoom(), WidthOf(asked) + WidthOf(in));
+    Line(std::string(kWhyIndent, ' ') + asked + painter_.Bold(Shortened(own->label, room)) +
+         painter_.Dim(in));
   }
 
   void WatchedStacks() {
@@ -196,9 +204,8 @@ class Writer {
   void Warnings(const Overview& overview) {
     if (!overview.cut.empty()) {
       Blank();
-      Line(
-          painter_.Warning(fmt::format("The log was cut: {} with a kernel stack and no user stack.",
-                                       Plural(overview.cut.size(), "thread"))));
+      const std::string threads = Plural(overview.cut.size(), "thread");
+      Line(painter_.Warning("The log was cut: " + threads + " without a user stack."));
     }
     if (incident_.problem_count == 0) return;
     Blank();

@@ -90,14 +90,13 @@ std::string HintOf(const Incident& incident, const Overview& overview) {
   }
   if (kind == "mutex" && waiting > 0) {
     return fmt::format(
-        "{} threads wait for a mutex at once: a deadlock, if each owns what another waits for.",
-        waiting + 1);
+        "{} threads wait for mutexes: a deadlock, if each owns what the other wants.", waiting + 1);
   }
   if (kind == "mutex") {
-    return "No other thread waits for a mutex: the owner runs, or waits for something else.";
+    return "Nobody else waits for a mutex: its owner runs or waits for another thing.";
   }
   if (kind == "condition" && !overview.others.empty()) {
-    return "Another thread is to signal it: look first at those below that are not idle.";
+    return "Another thread is to signal it: look first at those that are not idle.";
   }
   return "";
 }

@@ -138,6 +138,13 @@ class CallTest(unittest.TestCase):
         self.assertRegex("\n".join(text), r"flock\+5 .*libc.so.6 +locks_lock_inode_wait")
         self.assertIn("The log was cut: 1 thread", "\n".join(text))
 
+    def test_a_long_name_breaks_the_layout(self):
+        self.write("long.log", LOG.format(tid=5, watch="w" * 900).replace("Config", "C" * 6))
+        for columns in ("60", "80"):
+            text = self.run_it(self.path("long.log"), COLUMNS=columns).stdout
+            self.assertLessEqual(max(map(len, text.splitlines())), int(columns))
+            self.assertIn(" for 3 s", text.splitlines()[0])
+
     def test_all_shortens_a_path(self):
         text = self.run_it("--all", self.dir.name, COLUMNS="120").stdout
         self.assertEqual(text.count("/vendor/bin/a;b/service"), 2)
