@@ -40,9 +40,9 @@ CREATE TABLE IF NOT EXISTS shard.incidents
     label_values Array(String),
     device String MATERIALIZED if(throwIf(NOT has(label_keys, 'device')) = 0,
         label_values[indexOf(label_keys, 'device')], ''),
-    time DateTime('UTC') MATERIALIZED if(throwIf(written_ms = 0) = 0,
-        toDateTime(intDiv(written_ms, 1000), 'UTC'), toDateTime(0, 'UTC')),
-    day Date MATERIALIZED toDate(time)
+    day Date MATERIALIZED if(throwIf(written_ms = 0) = 0,
+        toDate(toDateTime(intDiv(written_ms, 1000), 'UTC')), toDate(0)),
+    time DateTime('UTC') ALIAS toDateTime(intDiv(written_ms, 1000), 'UTC')
 )
 ENGINE = ReplacingMergeTree
 PARTITION BY toMonday(day)

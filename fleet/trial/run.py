@@ -7,6 +7,7 @@ the truth. Run by scripts/fleet, which says more.
 
 import argparse
 import collections
+import contextlib
 import datetime
 import json
 import os
@@ -119,19 +120,24 @@ class Run:
                        check=True)
         return time.monotonic() - started
 
-    def start_small_batches(self, name):
-        """A loader at work, once the store has some of its batches and not all."""
+    @contextlib.contextmanager
+    def loader_at_work(self, name):
+        """A loader, once the store has some of its batches and not all; killed at the end."""
         before = self._done()
         loader = subprocess.Popen(
             self.loader("--rows", f"--batch={self.size.small_batch}",
                         f"--patience={PATIENCE_SECONDS}", self.path(f"{name}.jsonl")),
             stderr=subprocess.PIPE, text=True)
-        deadline = time.monotonic() + AWAIT_SECONDS
-        while self._done() < before + 2:
-            expect(loader.poll() is None and time.monotonic() < deadline,
-                   "the loader was to be disturbed in the middle")
-            time.sleep(0.01)
-        return loader
+        try:
+            deadline = time.monotonic() + AWAIT_SECONDS
+            while self._done() < before + 2:
+                expect(loader.poll() is None and time.monotonic() < deadline,
+                       "the loader was to be disturbed in the middle")
+                time.sleep(0.01)
+            yield loader
+        finally:
+            loader.kill()
+            loader.communicate()
 
     def _done(self):
         try:
@@ -144,9 +150,8 @@ class Run:
         """A loader that is killed twice and started again loses and doubles nothing."""
         name = "loader_killed"
         for _ in range(2):
-            loader = self.start_small_batches(name)
-            loader.kill()
-            loader.communicate()
+            with self.loader_at_work(name):
+                pass
             expect(os.listdir(self.path("spool/pending")), "the killed loader had work left")
         self.load("--rows", f"--batch={self.size.small_batch}", self.path(f"{name}.jsonl"))
         say("the loader was killed twice in the middle and run again")
@@ -154,8 +159,7 @@ class Run:
     def kill_shard(self):
         """A loader outlasts a shard that is killed and comes back; nobody answers for half of the
         fleet meanwhile."""
-        loader = self.start_small_batches("shard_killed")
-        try:
+        with self.loader_at_work("shard_killed") as loader:
             self.shards[1].kill()
             values = ["by_hour", *self.period()]
             refused = self.ask(*values)
@@ -167,9 +171,6 @@ class Run:
             expect(loader.poll() is None, "the loader waits for the shard")
             self.shards[1].start()
             messages = loader.communicate(timeout=AWAIT_SECONDS)[1]
-        finally:
-            loader.kill()
-            loader.communicate()
         expect(loader.returncode == 0, f"the loader outlasts a killed shard: {messages}")
         say("a shard was killed in the middle of a load and started again")
 
@@ -359,11 +360,7 @@ def main():
                     write_page(options.figures, run, load_before)
     except (RuntimeError, OSError, subprocess.SubprocessError) as error:
         sys.exit(f"fleet: {error}")
-    except KeyboardInterrupt:
-        sys.stderr.write("\nfleet: interrupted; everything is stopped and removed\n")
-        return 130
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -58,10 +58,17 @@ def free_ports(count):
 
 
 def end_in_order():
-    """Makes a request to end the process an exception, so that what was started is stopped and what
-    was written is removed."""
-    for request in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(request, lambda *_: sys.exit("ended on request"))
+    """Makes the first request to end the process an exception, so that what was started is stopped
+    and what was written is removed. Further requests do not hinder that."""
+    requests = (signal.SIGTERM, signal.SIGHUP, signal.SIGINT)
+
+    def end(*_):
+        for request in requests:
+            signal.signal(request, signal.SIG_IGN)
+        sys.exit("ended on request; everything is stopped and removed")
+
+    for request in requests:
+        signal.signal(request, end)
 
 
 def _write(path, text):
