@@ -8,9 +8,10 @@ function causeBox(incident, watched, groups) {
         element('p', {}, `The log has no stack of the watched thread ${incident.tid}.`));
   }
   const functions = tellingFunctions(watched.stack, LINE_FUNCTIONS);
+  const link = incident.reason.kind === 'running' ? ':' : ', asked for by';
   return element('div', {class: 'cause'},
       element('p', {}, `Thread ${watched.tid} `, element('strong', {}, incident.reason.text),
-          functions.length > 0 ? ', asked for by' : ''),
+          functions.length > 0 ? link : ''),
       functions.length > 0 ? element('p', {}, framesLine(functions)) : null,
       incident.hint === null ? null : element('p', {}, incident.hint),
       ...relatedThreads(groups, incident.hint));

@@ -35,10 +35,13 @@ function groupThreads(threads) {
       a.threads.length - b.threads.length || a.threads[0].tid - b.threads[0].tid);
 }
 
-// The program's own functions on a stack, the innermost first; where it has none, all functions.
+// The program's own functions on a stack, the innermost first and with its source line, where one is
+// known; where the stack has none, all functions.
 function tellingFunctions(stack, limit) {
   const own = stack.user.filter((frame) => frame.class === 'own');
-  return (own.length > 0 ? own : stack.user).slice(0, limit).map((frame) => frame.label);
+  const frames = (own.length > 0 ? own : stack.user).slice(0, limit);
+  return frames.map(({label, source}, index) =>
+    (index === 0 && source ? `${label} (${source})` : label));
 }
 
 // "3, 7, 9 and 4 more" of ascending ids.
