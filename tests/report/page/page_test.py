@@ -199,6 +199,39 @@ class Pool(PageTest):
         self.assertNotIn("take_job", self.browser.text(".cause"))
 
 
+    def test_other_kernel_stacks_of_a_group_are_told_apart(self):
+        user, kernel = sample_logs.socket_read("read_header")
+        threads = {1: sample_logs.mutex_wait("pay"), 2: (user, kernel), 3: (user, kernel),
+                   4: (user, ["tcp_recvmsg"] + kernel[1:])}
+        self.open(sample_logs.log_text(threads))
+        self.browser.click(".groups > li:nth-child(2) summary")
+        self.browser.wait("return document.querySelector('.group-body') !== null")
+        self.assertEqual([text for text in self.browser.texts(".group-body h3") if "this" in text],
+                         ["1 thread with this kernel stack: 4", "2 threads with this kernel stack: 2, 3"])
+
+    def test_thread_that_was_not_unwound_tells_why(self):
+        text = sample_logs.log_text({1: sample_logs.mutex_wait("pay")})
+        self.open(text + "Unwind failed: tid = 8: target thread does not exist\n")
+        self.assertIn("target thread does not exist", self.browser.texts(".groups > li")[1])
+        self.assertIsNone(self.browser.text(".warning"))
+
+    def test_picture_of_500_threads_folds_what_is_too_narrow(self):
+        threads = {100 + i: sample_logs.mutex_wait(*(f"call_{i}_{depth}" for depth in range(30)))
+                   for i in range(500)}
+        self.open(sample_logs.log_text(threads))
+        boxes = "return document.querySelectorAll('.box').length"
+        self.assertLess(self.browser.execute_script(boxes), 600)
+        self.browser.click(".box[aria-label^='call_77_29,']")
+        shown = self.browser.texts(".box")
+        self.assertIn("call_77_0", shown)
+        self.assertIn("futex_wait", shown)
+
+    def test_time_is_told_in_utc_and_of_the_device(self):
+        threads = {1: sample_logs.mutex_wait("pay")}
+        self.open(sample_logs.log_text(threads, utc_offset=5 * 3600 + 1800))
+        self.assertIn("2026-11-22 21:13:45 UTC (02:43:45 on the device)", self.browser.text(".facts"))
+
+
 class HostileLogs(PageTest):
     def test_markup_in_names_is_text(self):
         threads = {7: sample_logs.mutex_wait(HOSTILE), 8: sample_logs.idle(HOSTILE + "2")}
@@ -256,6 +289,14 @@ class ManyIncidents(PageTest):
         self.assertIn("work_b", self.browser.text(".cause"))
         self.browser.back()
         self.browser.wait("return document.activeElement === document.querySelector('.incidents li a')")
+
+    def test_incidents_of_a_signature_follow_one_another(self):
+        self.open(*self.logs(), address="#incident/2")
+        self.assertIn("1 of 2 with this signature", self.browser.text(".steps"))
+        self.browser.find_element("link text", "Older").click()
+        self.browser.wait("return location.hash === '#incident/1'")
+        self.assertIn("2 of 2 with this signature", self.browser.text(".steps"))
+        self.assertEqual(self.browser.find_elements("link text", "Older"), [])
 
     def test_search_leaves_the_incidents_that_match(self):
         self.open(*self.logs())
@@ -333,6 +374,12 @@ class Replacing(unittest.TestCase):
         self.assertTrue(os.path.islink(link))
         self.assertEqual(os.stat(self.page).st_mode & 0o777, 0o600)
         self.assertGreater(os.path.getsize(self.page), 10000)
+
+    def test_directory_that_is_missing_is_named(self):
+        page = os.path.join(self.directory, "missing", "page.html")
+        result = report("--html", page, self.log)
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stderr, f"open {page}.*: No such file or directory")
 
     def test_device_is_not_replaced(self):
         result = report("--html", "/dev/null", self.log)

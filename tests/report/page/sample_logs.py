@@ -28,10 +28,10 @@ def socket_read(*functions):
     return [(LIBC, "read")] + own(*functions) + START, SOCKET
 
 
-def log_text(threads, watch="transfer-money", program="bank_service", ms=FIRST_MS):
+def log_text(threads, watch="transfer-money", program="bank_service", ms=FIRST_MS, utc_offset=0):
     """threads: {id: (user frames, kernel functions)}, the watched one first."""
     def when(seconds):
-        return time.asctime(time.gmtime(seconds))
+        return time.asctime(time.gmtime(seconds + utc_offset))
     tid = next(iter(threads))
     lines = [when(ms // 1000), f"timeout tid: {tid}", f"timeout function: {watch}",
              f"time start: {when(ms // 1000 - 3)}", "Build fingerprint: demo/demo/demo:12/1",
