@@ -12,7 +12,9 @@ namespace report {
 namespace {
 
 constexpr size_t kMaxMangled = 4096;
-constexpr double kMaxDemangled = 16.0 * 1024 * 1024;  // what the bound below may come to
+constexpr double kMaxDemangled = 256.0 * 1024;  // what the bound below may come to
+constexpr size_t kMaxAnalysed = 8192;           // characters: longer names are left as they are
+constexpr int kMaxNesting = 8;                  // of templates around a lambda
 
 // A reference to an earlier part of a name repeats it, so a short name can ask for gigabytes. With
 // n references its length grows at most as 3^(n/3) times.
@@ -141,13 +143,13 @@ std::string WithoutReturnType(std::string plain) {
 // Lambdas are spelled by each compiler in its own way: "{lambda}", "$_0".
 std::string WithOneLambda(std::string plain) {
   static constexpr std::string_view kLambda = "{lambda}";
-  for (size_t at; (at = plain.find("$_")) != plain.npos;) {
+  for (size_t at = 0; (at = plain.find("$_", at)) != plain.npos;) {
     const size_t end = plain.find_first_not_of("0123456789", at + 2);
     plain.replace(at, (end == plain.npos ? plain.size() : end) - at, kLambda);
   }
   for (const std::string_view call : {"::operator()", "::_FUN", "::__invoke"}) {
     const std::string spelled = std::string(kLambda) + std::string(call);
-    for (size_t at; (at = plain.find(spelled)) != plain.npos;) {
+    for (size_t at = 0; (at = plain.find(spelled, at)) != plain.npos;) {
       plain.replace(at, spelled.size(), kLambda);
     }
   }
@@ -158,11 +160,11 @@ bool NamesLambda(std::string_view text) {
   return text.find("{lambda") != text.npos || text.find("$_") != text.npos;
 }
 
-// The lambda among the template arguments of a function, down through std's own templates; empty
-// when there is none.
-std::string_view LambdaArgument(std::string_view function) {
+// The lambda among the template arguments of a function, so many levels down through std's own
+// templates; empty when there is none.
+std::string_view LambdaArgument(std::string_view function, int levels) {
   const size_t open = function.find('<');
-  if (open == function.npos) return "";
+  if (open == function.npos || levels == 0) return "";
   const std::string_view inside = function.substr(open, BracketEnd(function.substr(open)));
   for (size_t begin = 1; begin < inside.size();) {
     size_t end = begin;
@@ -173,7 +175,7 @@ std::string_view LambdaArgument(std::string_view function) {
     std::string_view argument = inside.substr(begin, std::min(end, inside.size()) - begin);
     argument.remove_prefix(std::min(argument.find_first_not_of(' '), argument.size()));
     if (NamesLambda(argument)) {
-      return StartsWith(argument, "std::") ? LambdaArgument(argument) : argument;
+      return StartsWith(argument, "std::") ? LambdaArgument(argument, levels - 1) : argument;
     }
     begin = end + 1;
   }
@@ -203,15 +205,17 @@ std::string Demangle(std::string_view symbol) {
 }
 
 bool IsForwarder(std::string_view function) {
+  if (function.size() > kMaxAnalysed) return false;
   const std::string name = WithoutReturnType(WithoutBrackets(function));
   return StartsWith(name, "std::") || StartsWith(name, "__gnu_cxx::");
 }
 
 std::string PlainName(std::string_view function) {
+  if (function.size() > kMaxAnalysed) return std::string(function);
   std::string_view name = function.substr(0, function.find('@'));
   name = name.substr(0, CloneSuffix(name));
   if (NamesLambda(name) && IsForwarder(name)) {
-    const std::string_view lambda = LambdaArgument(name);
+    const std::string_view lambda = LambdaArgument(name, kMaxNesting);
     if (!lambda.empty()) name = lambda.substr(0, lambda.find_last_not_of("&* ") + 1);
   }
   std::string plain = WithOneLambda(WithoutReturnType(WithoutBrackets(name)));

@@ -85,15 +85,11 @@ constexpr const char* kKinds[] = {"mutex",      "condition", "futex",  "file-loc
 class ReasonOfRealHangTest : public testing::TestWithParam<const char*> {
  protected:
   static void SetUpTestSuite() {
-    const testing::UnitTest& all = *testing::UnitTest::GetInstance();
     for (const char* kind : kKinds) {
-      if (all.test_to_run_count() > 1 || IsWanted(kind)) {
-        hangs_.emplace(kind, std::make_unique<Hang>(std::vector<std::string>{HANGS, kind}));
-      }
+      hangs_.emplace(kind, std::make_unique<Hang>(std::vector<std::string>{HANGS, kind}));
     }
   }
   static void TearDownTestSuite() { hangs_.clear(); }
-  static bool IsWanted(const std::string&) { return true; }
 
   static std::map<std::string, std::unique_ptr<Hang>> hangs_;
 };
