@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <time.h>
@@ -197,6 +198,28 @@ INSTANTIATE_TEST_SUITE_P(, AndroidLogTest,
                                          Silence{"StoppedTerminal", true, true, false}),
                          [](const auto& silence) { return silence.param.name; });
 
+// The pipe is another user's, so that the log cannot open it for itself; the host uses the last of
+// its space between the log's look and its write.
+TEST_F(AndroidLog, AHostThatFillsThePipeMeanwhileBlocksNoMessage) {
+  if (Emulated() || kThreadSanitizer) GTEST_SKIP() << "no filter, or no threads of a forked child";
+  EXPECT_TRUE(InChild(false, [this] {
+    alarm(20);
+    if (!RefuseWritesWithoutSignalAndOpens()) return false;
+    for (int i = 0; i < 1000; ++i) {
+      UsePipe();
+      std::thread host([] {
+        static char page[4096];
+        const iovec part = {page, sizeof(page)};
+        while (pwritev2(STDERR_FILENO, &part, 1, -1, RWF_NOWAIT) > 0) {
+        }
+      });
+      for (int line = 0; line < 20; ++line) Log("x");
+      host.join();
+    }
+    return true;
+  }));
+}
+
 TEST_F(AndroidLog, ASignalDoesNotEndTheWaitForAReader) {
   UsePipe();
   const int room = fcntl(reader_, F_SETPIPE_SZ, 4096);
@@ -214,6 +237,19 @@ TEST_F(AndroidLog, ASignalDoesNotEndTheWaitForAReader) {
     Log("after the signal");
     return ReadAll().find("after the signal\n") != std::string::npos;
   }));
+}
+
+TEST_F(AndroidLog, AChildReportsNoLinesThatItsParentDiscarded) {
+  UsePipe();
+  close(std::exchange(reader_, -1));
+  Log("into a pipe without a reader");
+  UsePipe();
+  EXPECT_TRUE(InChild(false, [this] {
+    Log("of the child");
+    return ReadAll().find("discarded") == std::string::npos;
+  }));
+  Log("of the parent");
+  EXPECT_THAT(ReadAll(), HasSubstr(" 1 lines of this log were discarded"));
 }
 
 TEST_F(AndroidLog, AReaderThatHasLeftEndsNothingAndLeavesNoSignal) {

@@ -50,6 +50,23 @@ inline bool RefuseNewCalls() {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
+// Has the kernel know, from now on, no write without a signal, as before 6.18, and open nothing.
+inline bool RefuseWritesWithoutSignalAndOpens() {
+  constexpr unsigned kNoSignal = 0x100;
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 3, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[5])),
+      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, kNoSignal, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
 // Has the kernel refuse that call to the calling thread from now on.
 inline bool RefuseCall(long number) {
   sock_filter program[] = {

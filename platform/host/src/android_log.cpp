@@ -16,6 +16,7 @@
 #include <iterator>
 #include <numeric>
 
+#include "fork_child.h"
 #include "local_time.h"
 #include "standard_error.h"
 
@@ -215,6 +216,10 @@ void Deliver(const __android_log_message& message) {
 }
 
 }  // namespace
+
+void ForgetDiscardedLines() {
+  g_discarded_lines.store(0, std::memory_order_relaxed);
+}
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
   const int saved_errno = errno;

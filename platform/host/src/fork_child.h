@@ -7,6 +7,9 @@
 // have held.
 void ForgetZoneLock();
 
+// The lines that the parent's log discarded are the parent's to report.
+void ForgetDiscardedLines();
+
 namespace unwindstack {
 
 // Begins a new walk where a thread of the parent was in the middle of one.

@@ -140,45 +140,57 @@ long ResultOf(long result) {
   return result == -1 ? -errno : result;
 }
 
+constexpr int kNoWait = 0x8;      // RWF_NOWAIT of <linux/fs.h>
+constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL of Linux 6.18's, newer than the header here
+
+long WriteWithFlags(int fd, const struct iovec* parts, int count, int flags) {
+  if (flags == 0) return ResultOf(syscall(SYS_writev, fd, parts, count));
+  return ResultOf(syscall(SYS_pwritev2, fd, parts, count, -1L, -1L, flags));
+}
+
 // Where a SIGPIPE is pending already, whether ours came to it could not be told afterwards; so
 // nothing is written unless somebody reads.
-long WriteBlockingSignals(int fd, const struct iovec* parts, int count) {
+long WriteBlockingSignals(int fd, const struct iovec* parts, int count, int flags) {
   const BlockedWriteSignals blocked;
   if (blocked.WasPending(SIGPIPE) && (PollForWriting(fd, 0) & POLLERR) != 0) return -EPIPE;
-  const long result = ResultOf(syscall(SYS_writev, fd, parts, count));
+  const long result = WriteWithFlags(fd, parts, count, flags);
   if (result < 0) blocked.DiscardRaised(static_cast<int>(-result));
   return result;
 }
 
 // Through a description of its own, so that a write which does not wait leaves the flags of the
-// shared one alone. Where there is no other description to be had (another user's terminal, no
-// /proc), the write may still wait if another writer takes the room that the poll has seen.
+// shared one alone. Where there is no other description to be had (another user's terminal or,
+// before Linux 6.4, pipe; no /proc), the write may still wait if another writer uses the space that
+// the poll has seen.
 long WriteReopened(const struct iovec* parts, int count) {
   const long fd = syscall(SYS_openat, AT_FDCWD, "/proc/thread-self/fd/2",
                           O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd == -1) {
     if (errno == ENXIO) return -EPIPE;  // a named pipe that nobody reads
     if (PollForWriting(STDERR_FILENO, 0) == 0) return -EAGAIN;
-    return WriteBlockingSignals(STDERR_FILENO, parts, count);
+    return WriteBlockingSignals(STDERR_FILENO, parts, count, 0);
   }
-  const long result = WriteBlockingSignals(static_cast<int>(fd), parts, count);
+  const long result = WriteBlockingSignals(static_cast<int>(fd), parts, count, 0);
   syscall(SYS_close, fd);
   return result;
 }
 
-// Since Linux 6.18 one call can do without both the wait and the signal. Where it is refused once,
-// for the kernel's age, a filter or the kind of pipe, it is not tried again.
+// One call can do without the wait since Linux 6.4, and without the signal since 6.18. What is
+// refused once, for the kernel's age, a filter or the kind of pipe, is not tried again.
 long WriteToPipe(const struct iovec* parts, int count) {
-  constexpr int kNoWait = 0x8;      // RWF_NOWAIT of <linux/fs.h>
-  constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL of Linux 6.18's, newer than the header here
-  static std::atomic<bool> refused{false};
-  if (!refused.load(std::memory_order_relaxed)) {
-    const long result =
-        ResultOf(syscall(SYS_pwritev2, STDERR_FILENO, parts, count, -1L, -1L, kNoWait | kNoSignal));
-    const bool understood =
-        result >= 0 || result == -EINTR || result == -EAGAIN || result == -EPIPE;
-    if (understood) return result;
-    refused.store(true, std::memory_order_relaxed);
+  static std::atomic<bool> no_signal_refused{false}, no_wait_refused{false};
+  const auto is_understood = [](long result) {
+    return result >= 0 || result == -EINTR || result == -EAGAIN || result == -EPIPE;
+  };
+  if (!no_signal_refused.load(std::memory_order_relaxed)) {
+    const long result = WriteWithFlags(STDERR_FILENO, parts, count, kNoWait | kNoSignal);
+    if (is_understood(result)) return result;
+    no_signal_refused.store(true, std::memory_order_relaxed);
+  }
+  if (!no_wait_refused.load(std::memory_order_relaxed)) {
+    const long result = WriteBlockingSignals(STDERR_FILENO, parts, count, kNoWait);
+    if (is_understood(result)) return result;
+    no_wait_refused.store(true, std::memory_order_relaxed);
   }
   return WriteReopened(parts, count);
 }
@@ -199,7 +211,7 @@ long WriteOnce(Kind kind, struct iovec* parts, int count) {
     case Kind::kSocket:
       return WriteToSocket(parts, count);
     case Kind::kOther:
-      return WriteBlockingSignals(STDERR_FILENO, parts, count);
+      return WriteBlockingSignals(STDERR_FILENO, parts, count, 0);
     case Kind::kNotOurs:
       break;
   }

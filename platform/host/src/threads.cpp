@@ -55,6 +55,7 @@ void StartAnewInChild() {
   t_id = {0, 0};
   g_pid.store(RealPid(), std::memory_order_relaxed);
   ForgetZoneLock();
+  ForgetDiscardedLines();
   unwindstack::StartWalksAnew();
 }
 
