@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -383,6 +384,14 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
   EXPECT_ENDS_WELL(body);
 }
 
+TEST_F(ProcessForkedIncident, TheChildsReportNamesNoFileOfTheParents) {
+  Respond([] {}, QUORVEL_FLAG_LOG);
+  EXPECT_EQ(StatusOf([] { Respond([] {}, 0); }), 0);
+  const std::string journal = test_root::ReadFile(test_root::Path(test_root::kJournal));
+  EXPECT_EQ(journal.find("quorvel@"), journal.rfind("quorvel@"));
+  EXPECT_EQ(Events(), 2);
+}
+
 TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
   static const std::string trace = test_root::Path("/exit_handler_ran");
   pid_t child = 0;
@@ -393,6 +402,26 @@ TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
   EXPECT_EQ(StatusOf(child), 0);
   EXPECT_EQ(Events(), 1);
   EXPECT_EQ(access(trace.c_str(), F_OK), -1) << "an exit handler of the host ran";
+}
+
+// Two pid namespaces, in each of which it is the first process.
+TEST_F(ProcessForkedIncident, SuchAChildEndsThereAlsoWithTheIdOfItsParent) {
+  constexpr int kNoNamespaces = 77;
+  const auto in_namespace = [] {
+    EXPECT_EQ(getpid(), 1);
+    EXPECT_EQ(unshare(CLONE_NEWPID), 0);
+    pid_t child = 0;
+    Respond([&] { child = fork(); }, 0);
+    EXPECT_EQ(getpid() == 1 && child != 0 ? StatusOf(child) : 9, 0);
+  };
+  const auto in_child = [&] {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWPID) != 0) _exit(kNoNamespaces);
+    EXPECT_EQ(StatusOf(in_namespace), 0);
+    EXPECT_EQ(Events(), 1);
+  };
+  const int status = StatusOf(in_child);
+  if (status == kNoNamespaces) GTEST_SKIP() << "no pid namespaces";
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(ProcessForkedIncident, OtherThreadsOfSuchAChildLiveOn) {

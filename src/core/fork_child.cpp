@@ -16,7 +16,11 @@ std::atomic<pid_t> g_owner{0};
 // where both have the same id, as the first processes of two pid namespaces do.
 std::atomic<bool> g_child_needs_reset{false};
 
+// How often the state has been reset for a new process.
+std::atomic<uint32_t> g_resets{0};
+
 void StartAnew() {
+  g_resets.fetch_add(1);
   g_owner.store(getpid());
   g_child_needs_reset.store(false);
   g_reset.load()();
@@ -35,6 +39,10 @@ void RegisterHandlers() {
 }
 
 }  // namespace
+
+QuorvelProcess QuorvelCurrentProcess() {
+  return {getpid(), g_resets.load()};
+}
 
 void QuorvelEnterProcess(void (*reset)()) {
   static pthread_once_t once = PTHREAD_ONCE_INIT;

@@ -13,6 +13,22 @@
 #ifndef QUORVEL_CORE_FORK_CHILD_H_
 #define QUORVEL_CORE_FORK_CHILD_H_
 
+#include <sys/types.h>
+
+#include <cstdint>
+
+// Tells a process from its children: by the id also one that was made without fork handlers, by
+// the resets also one that has the same id in another pid namespace.
+struct QuorvelProcess {
+  pid_t pid;
+  uint32_t resets;
+
+  bool operator==(const QuorvelProcess& other) const {
+    return pid == other.pid && resets == other.resets;
+  }
+};
+QuorvelProcess QuorvelCurrentProcess();
+
 // To be called first in quorvel_init, with no lock held: the first call registers the handlers,
 // before any lock that a fork could leave locked; a call in a new process that was not reset resets
 // it. Every call must pass the same reset.

@@ -2,18 +2,17 @@
 
 #include <android/log.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <set>
-
+#include "core/fork_child.h"
 #include "core/recovery_limit.h"
 #include "log/incident_close.h"
 #include "log/incident_header.h"
 #include "log/kernel_backtrace.h"
 #include "log/log_file.h"
 #include "log/log_tag.h"
-#include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
 
@@ -41,9 +40,13 @@ bool WithinRateLimit() {
   return g_period.count < kRateLimit;
 }
 
+// Tells by the links of the task directory: two and one a thread. They are right also where /proc
+// belongs to another pid namespace, and counting them allocates nothing. Without /proc the answer
+// is yes, as it is in nearly every child.
 bool IsOnlyThread() {
-  std::set<int> others;
-  return !QuorvelListOtherThreads(gettid(), &others) || others.empty();
+  constexpr nlink_t kLinksOfOneThread = 3;
+  struct stat task = {};
+  return stat("/proc/self/task", &task) != 0 || task.st_nlink <= kLinksOfOneThread;
 }
 
 // In a child that the client's callback forked and returned from: the incident is the parent's, and
@@ -56,9 +59,9 @@ bool IsOnlyThread() {
 
 void CallBack(const QuorvelTimeoutInfo& info) {
   if (info.callback == nullptr) return;
-  const pid_t pid = getpid();
+  const QuorvelProcess process = QuorvelCurrentProcess();
   info.callback(info.arg);
-  if (getpid() != pid) EndThreadOfForkedChild();
+  if (!(QuorvelCurrentProcess() == process)) EndThreadOfForkedChild();
 }
 
 void WriteIncident(const QuorvelTimeoutInfo& info, bool is_vendor) {

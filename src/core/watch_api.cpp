@@ -15,6 +15,7 @@
 #include "core/timeout_response.h"
 #include "core/watch_registry.h"
 #include "log/kernel_backtrace.h"
+#include "log/log_file.h"
 #include "log/log_tag.h"
 #include "log/quorvel_log.h"
 #include "unwind/unwindstack_wrapper.h"
@@ -44,6 +45,7 @@ void ResetInChild() {
   QuorvelResetMonitorInChild();
   QuorvelResetResponseInChild();
   QuorvelDropLogAfterFork();
+  QuorvelForgetLogPathAfterFork();
   QuorvelResetDumpableAfterFork();
   unwindstack_wrapper_reset_after_fork();
 }

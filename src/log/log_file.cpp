@@ -12,6 +12,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "base/bounds_checked.h"
 #include "log/log_tag.h"
 #include "log/quorvel_log.h"
@@ -186,6 +188,11 @@ void QuorvelInitLog(int flags, bool isVendor) {
 
 const std::string& QuorvelLastLogPath() {
   return LogPath;
+}
+
+// Begun anew in place and never destroyed: the parent's monitor may have been changing it.
+void QuorvelForgetLogPathAfterFork() {
+  new (&LogPath) std::string;
 }
 
 int LogFilter(const dirent* entry) {

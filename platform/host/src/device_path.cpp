@@ -35,14 +35,12 @@ const std::string& Root() {
   return root;
 }
 
-// The root as the kernel reports paths: with every symbolic link resolved.
-const std::string& ResolvedRoot() {
-  static const std::string& root = *[] {
-    char resolved[PATH_MAX];
-    const bool found = !Root().empty() && realpath(Root().c_str(), resolved) != nullptr;
-    return new std::string(found && strcmp(resolved, "/") != 0 ? resolved : "");
-  }();
-  return root;
+// The root as the kernel reports paths: with every symbolic link resolved. Not kept: the lock of a
+// static's first use could stay locked in the child of a fork.
+std::string ResolvedRoot() {
+  char resolved[PATH_MAX];
+  const bool found = !Root().empty() && realpath(Root().c_str(), resolved) != nullptr;
+  return found && strcmp(resolved, "/") != 0 ? resolved : "";
 }
 
 }  // namespace
@@ -52,7 +50,7 @@ std::string DevicePath(const char* path) {
 }
 
 std::string PathOnDevice(const std::string& path) {
-  const std::string& root = ResolvedRoot();
+  const std::string root = ResolvedRoot();
   const bool under = !root.empty() && path.compare(0, root.size(), root) == 0 &&
                      path.size() > root.size() && path[root.size()] == '/';
   return under ? path.substr(root.size()) : path;
