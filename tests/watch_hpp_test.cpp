@@ -344,6 +344,7 @@ TEST_F(WatchHpp, FlagsReachTheLibraryAndOnlyTheirOwnTypeConverts) {
   static_assert(!std::is_convertible_v<bool, Flags> && !std::is_convertible_v<int, Flags>);
   static_assert((quorvel::kLog | QUORVEL_FLAG_SYSTRACE) == Flags(9u));
   const Watch watch("n", seconds(60), quorvel::kRecovery | quorvel::kBacktrace);
+  const QuorvelMutexLock lock(&g_registry.lock);
   EXPECT_EQ(QuorvelFindNode(watch.id())->flags, 6u);
 }
 
