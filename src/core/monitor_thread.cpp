@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,15 +27,19 @@ void SleepOneTick() {
 // reader or beyond the file size limit. Not blocked: the signals that a fault of the thread itself
 // raises, and those that the C library keeps for itself, through which setuid and its like reach
 // all threads.
-sigset_t MonitorSignalMask() {
-  constexpr int kFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
-  constexpr int kReserved[] = {32, 33};  // of glibc: cancellation and setuid; of bionic: its
-                                         // timers and backtraces
-  sigset_t mask;
-  sigfillset(&mask);
-  for (const int number : kFaults) sigdelset(&mask, number);
-  for (const int number : kReserved) sigdelset(&mask, number);
+constexpr uint64_t MonitorSignalMask() {
+  constexpr int kNotBlocked[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS,
+                                 // of glibc: cancellation and setuid; of bionic: its timers and
+                                 // backtraces
+                                 32, 33};
+  uint64_t mask = ~uint64_t{0};
+  for (const int number : kNotBlocked) mask &= ~(uint64_t{1} << (number - 1));
   return mask;
+}
+
+// In the kernel's form: a sigset_t of the 32-bit platform has no space for signals above 32.
+void SetSignalMask(const uint64_t* mask, uint64_t* old) {
+  syscall(SYS_rt_sigprocmask, SIG_SETMASK, mask, old, sizeof(*mask));
 }
 
 QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
@@ -45,12 +50,12 @@ QuorvelTimeoutInfo CopyOf(const QuorvelNode& node) {
 
 bool QuorvelCreateMonitor() {
   // The new thread inherits the mask, so it holds from the thread's first instruction on.
-  const sigset_t mask = MonitorSignalMask();
-  sigset_t callers_mask;
-  pthread_sigmask(SIG_SETMASK, &mask, &callers_mask);
+  constexpr uint64_t mask = MonitorSignalMask();
+  uint64_t callers_mask = 0;
+  SetSignalMask(&mask, &callers_mask);
   pthread_t thread;
   const int error = pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr);
-  pthread_sigmask(SIG_SETMASK, &callers_mask, nullptr);
+  SetSignalMask(&callers_mask, nullptr);
   return error == 0;
 }
 

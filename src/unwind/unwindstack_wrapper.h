@@ -14,6 +14,9 @@
 // is stopped inside the allocator costs up to ten. While a thread is stopped it may hold any lock
 // of the process: nothing that this class itself does meanwhile allocates or waits for a lock but
 // its own.
+//
+// fork: in a child its locks are unlocked if the parent had called quorvel_init. A process that
+// uses this class alone must not unwind in a child that it forked while another thread unwound.
 #ifndef QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
 #define QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
 

@@ -5,7 +5,6 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
@@ -19,9 +18,6 @@
 
 extern "C" {
 
-int __real_pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
-
-int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
 int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const struct timespec* deadline);
@@ -33,8 +29,6 @@ char* __wrap_strerror(int error);
 }  // extern "C"
 
 namespace {
-
-constexpr size_t kKernelSetSize = 8;  // bytes of a signal set, as the kernel counts them
 
 // The process in which thread ids were last asked for, and the calling thread's id there. A child
 // of a fork has another id, and so has its thread.
@@ -117,15 +111,6 @@ int WaitForTurn(pthread_cond_t* condition, pthread_mutex_t* mutex,
 }
 
 }  // namespace
-
-int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
-  const int saved_errno = errno;
-  if (old != nullptr) *old = {};  // the kernel sets its first word only
-  const long result = syscall(SYS_rt_sigprocmask, how, set, old, kKernelSetSize);
-  const int error = result == 0 ? 0 : errno;
-  errno = saved_errno;
-  return error;
-}
 
 int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
   return WaitForTurn(condition, mutex, nullptr);
