@@ -4,7 +4,6 @@
 #include <quorvel/quorvel.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 
@@ -12,6 +11,7 @@
 #include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
+#include "support/child.h"
 #include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
@@ -57,9 +57,6 @@ class StackDumps : public testing::Test {
     return text;
   }
 
-  static void Sleep(const std::atomic<bool>& stop) {
-    while (!stop) usleep(1000);
-  }
   // The ids in the file's headers of user stacks.
   std::vector<int> Dumped() const {
     const std::string text = File();
@@ -161,11 +158,7 @@ TEST_P(StackDumpsDumpable, IsAsBeforeInAChildForkedMeanwhile) {
   fakes.pthread_create = [](void* (*)(void*)) { return 0; };
   quorvel_init();
   fakes.DravikGetStack = [](int, char*) {
-    const pid_t child = fork();
-    if (child == 0) _exit(prctl(PR_GET_DUMPABLE));
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(WEXITSTATUS(status), GetParam());
+    EXPECT_EQ(StatusInChild([] { _exit(prctl(PR_GET_DUMPABLE)); }), GetParam());
     return -1;
   };
   QuorvelKernBacktrace(watched_.tid());

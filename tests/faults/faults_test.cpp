@@ -164,9 +164,7 @@ class Incident : public testing::Test {
   int millisecond_ = 0, calls_ = 0, pauses_ = 0;
   ScopedFakes restore_;
   LogCapture log_;
-  ParkedThread thread_{[](const std::atomic<bool>& stop) {
-    while (!stop) poll(nullptr, 0, 10);
-  }};
+  ParkedThread thread_{Sleep};
 };
 using FaultyCall = Incident;
 using FaultyExit = Incident;

@@ -3,6 +3,7 @@
 #ifndef QUORVEL_TESTS_SUPPORT_PARKED_THREAD_H_
 #define QUORVEL_TESTS_SUPPORT_PARKED_THREAD_H_
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -37,6 +38,11 @@ class ParkedThread {
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
+
+// A body that waits without the calls that tests replace.
+inline void Sleep(const std::atomic<bool>& stop) {
+  while (!stop) poll(nullptr, 0, 10);
+}
 
 // Blocks or unblocks signal 33 for the calling thread, as a host process can: by the kernel's call.
 inline void BlockUnwindSignal(bool block) {
