@@ -217,15 +217,6 @@ TEST_F(Core, ACollectedWatchCannotBeMovedOrEndedAnyMore) {
   EXPECT_EQ(Armed(), 0u);
 }
 
-TEST_F(Core, ACallbackMayStartWatches) {
-  Callback on_chained = [&] { trace_ += "chained"; };
-  Callback on_first = [&] { Start(1, &on_chained); };
-  Start(1, &on_first);
-  EXPECT_EQ(TicksUntilOneFires(), 2);
-  EXPECT_EQ(TicksUntilOneFires(), 2);
-  EXPECT_EQ(trace_, "chained");
-}
-
 TEST_F(Core, ASecondInitLeavesTheMonitorAndTheWatches) {
   const uint32_t id = Start(5);
   Pass();

@@ -158,13 +158,6 @@ TEST_F(Incident, LeavesOneSectionInTheTrace) {
                                   std::to_string(now_) + " module=app\nE|" + pid + "\n");
 }
 
-TEST_F(Incident, LeavesNothingInATraceWithoutItsTag) {
-  SetProperty("debug.atrace.tags.enableflags", "0x7ff");
-  Respond(0);
-  EXPECT_EQ(ReadFile(trace_), "");
-  EXPECT_NE(Journal(), "");
-}
-
 TEST_F(Incident, IsReportedOnlyIfTheConfigurationBeginsWithOne) {
   for (const char* config : {"01", "0", " 1"}) {
     SetProperty("dravik.event.12.config", config);

@@ -94,13 +94,6 @@ TEST_F(LogFile, OthersMayReadItWhateverTheUmaskButNoProgramInheritsIt) {
   EXPECT_EQ(fcntl(QuorvelGetLogFd(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST_F(LogFile, NineOthersStay) {
-  for (int i = 1; i <= 9; ++i) Touch(std::to_string(i));
-  Begin();
-  EXPECT_EQ(test_root::List(kLogDir).size(), 10u);
-  EXPECT_EQ(log_.Lines(), Texts{});
-}
-
 TEST_F(LogFile, OfMoreTheLowestNamesGoUntilNineAreLeft) {
   for (int i = 10; i <= 21; ++i) Touch(std::to_string(i));
   Begin();
@@ -110,7 +103,7 @@ TEST_F(LogFile, OfMoreTheLowestNamesGoUntilNineAreLeft) {
                                         "I/QUORVEL: delete 12\n"));
 }
 
-TEST_F(LogFile, HiddenFilesDirectoriesAndLinksNeitherCountNorGo) {
+TEST_F(LogFile, NineOthersStayAndHiddenFilesDirectoriesAndLinksNeitherCountNorGo) {
   for (int i = 1; i <= 9; ++i) Touch(std::to_string(i));
   for (const char* hidden : {".a", ".b"}) Touch(hidden);
   fs::create_directory(Path("0_directory"));

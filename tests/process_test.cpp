@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "core/monitor_thread.h"
 #include "core/timeout_response.h"
 #include "core/watch_registry.h"
+#include "support/child.h"
 #include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/surroundings.h"
@@ -73,18 +73,6 @@ class Process : public testing::Test {
     return g_registry.cursor;
   }
   static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
-  // In a child of this process; its exit status.
-  static int StatusOf(const Function& in_child) {
-    const pid_t child = fork();
-    if (child == 0) alarm(20), in_child(), _exit(HasFailure() ? 1 : 0);
-    return StatusOf(child);
-  }
-  static int StatusOf(pid_t child) {
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -status;
-  }
-
   std::atomic<int> sleeps_{0}, allowed_sleeps_{0}, threads_made_{0};
   int cut_short_ = 0;
   std::string slept_;
@@ -201,7 +189,7 @@ TEST_F(Process, ASignalThatTheHostWaitsForIsNotTheMonitors) {
     int number = 0;
     EXPECT_EQ(sigwait(&term, &number), 0);
   };
-  EXPECT_EQ(StatusOf(in_child), 0);
+  EXPECT_EQ(StatusInChild(in_child), 0);
 }
 
 // With the C library's sleep, which any signal cuts short, and with that of the host layer.
@@ -234,7 +222,7 @@ TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
     // On an idle machine it is 4 s at most; ticks of two seconds, made up for, would take 8.
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(7));
   };
-  EXPECT_EQ(StatusOf(in_child), 0);
+  EXPECT_EQ(StatusInChild(in_child), 0);
 }
 
 class ProcessFork : public Process {};
@@ -266,7 +254,7 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
         quorvel_end(Start(60));
         EXPECT_NE(unwindstack_wrapper_thread::get(getpid(), gettid(), true), nullptr);
       };
-      EXPECT_EQ(StatusOf(in_child), 0) << lock;
+      EXPECT_EQ(StatusInChild(in_child), 0) << lock;
       allowed = lock;
     }
     other.join();
@@ -274,7 +262,7 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
   EXPECT_ENDS_WELL(body);
 }
 
-TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInIt) {
+TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInItAndTheParentGoesOn) {
   NoMonitor();
   quorvel_init();
   const uint32_t parents = Start(60);
@@ -293,21 +281,12 @@ TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInIt) {
     EXPECT_NE(Start(10), QUORVEL_INVALID_ID);
     EXPECT_EQ(Armed(), 1u);
   };
-  EXPECT_EQ(StatusOf(in_child), 0);
-  EXPECT_EQ(quorvel_update(parents, 60), parents);
-  quorvel_end(parents);
-}
-
-TEST_F(ProcessFork, TheParentKeepsItsMonitorAndItsWatches) {
-  NoMonitor();
-  quorvel_init();
-  const uint32_t id = Start(60);
+  EXPECT_EQ(StatusInChild(in_child), 0);
   threads_made_ = 0;
-  EXPECT_EQ(StatusOf([] { quorvel_init(); }), 0);
   quorvel_init();
   EXPECT_EQ(threads_made_, 0);
-  EXPECT_EQ(quorvel_update(id, 60), id);
-  quorvel_end(id);
+  EXPECT_EQ(quorvel_update(parents, 60), parents);
+  quorvel_end(parents);
 }
 
 uint32_t g_early_watch = QUORVEL_INVALID_ID;
@@ -326,7 +305,7 @@ TEST_F(ProcessFork, AnInitInAHandlerOfTheHostsThatCameFirstLasts) {
       const QuorvelMutexLock lock(&g_registry.lock);
       EXPECT_EQ(QuorvelFindNode(g_early_watch)->tid, syscall(SYS_gettid));
     };
-    EXPECT_EQ(StatusOf(in_child), 0);
+    EXPECT_EQ(StatusInChild(in_child), 0);
   };
   EXPECT_ENDS_WELL(body);
 }
@@ -376,7 +355,7 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
       respond();
       EXPECT_EQ(called, 7);
     };
-    EXPECT_EQ(StatusOf(in_child), 0);
+    EXPECT_EQ(StatusInChild(in_child), 0);
     respond();
     EXPECT_EQ(called, 6);
     Respond([] {}, QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY);  // dropped whole: it ends nothing
@@ -386,7 +365,7 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
 
 TEST_F(ProcessForkedIncident, TheChildsReportNamesNoFileOfTheParents) {
   Respond([] {}, QUORVEL_FLAG_LOG);
-  EXPECT_EQ(StatusOf([] { Respond([] {}, 0); }), 0);
+  EXPECT_EQ(StatusInChild([] { Respond([] {}, 0); }), 0);
   const std::string journal = test_root::ReadFile(test_root::Path(test_root::kJournal));
   EXPECT_EQ(journal.find("quorvel@"), journal.rfind("quorvel@"));
   EXPECT_EQ(Events(), 2);
@@ -416,10 +395,10 @@ TEST_F(ProcessForkedIncident, SuchAChildEndsThereAlsoWithTheIdOfItsParent) {
   };
   const auto in_child = [&] {
     if (unshare(CLONE_NEWUSER | CLONE_NEWPID) != 0) _exit(kNoNamespaces);
-    EXPECT_EQ(StatusOf(in_namespace), 0);
+    EXPECT_EQ(StatusInChild(in_namespace), 0);
     EXPECT_EQ(Events(), 1);
   };
-  const int status = StatusOf(in_child);
+  const int status = StatusInChild(in_child);
   if (status == kNoNamespaces) GTEST_SKIP() << "no pid namespaces";
   EXPECT_EQ(status, 0);
 }

@@ -125,7 +125,7 @@ TEST_F(UnwindstackWrapper, ASignalThatAFilterRefusesIsAFailureWithItsReasonAndNo
   hosts_calls_ = 0;
   std::atomic<bool> unwound{true};
   ParkedThread([&](const auto&) {
-    if (RefuseCall(SYS_rt_tgsigqueueinfo)) unwound = unwinder_.unwind(thread.tid(), nullptr, 64);
+    if (RefuseCalls({SYS_rt_tgsigqueueinfo})) unwound = unwinder_.unwind(thread.tid(), nullptr, 64);
   }).Stop();
   EXPECT_FALSE(unwound);
   EXPECT_THAT(log_.Lines(),

@@ -9,7 +9,6 @@
 #include <sys/auxv.h>
 #include <sys/mount.h>
 #include <sys/system_properties.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <random>
@@ -18,6 +17,7 @@
 #include "core/timeout_response.h"
 #include "interposer.h"
 #include "log/log_file.h"
+#include "support/child.h"
 #include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/parked_thread.h"
@@ -305,10 +305,9 @@ TEST_F(FaultyExit, OfTwentyProcessesKilledAnywhereLeavesNoLockNoTornRecordAndNot
       const std::string record = test_root::PropertyText(record_name);
       EXPECT_THAT(record, testing::MatchesRegex("[0-9]+,1[0-9]{9}"));
       kill(child, SIGKILL);
-      int status = -1;
-      waitpid(child, &status, 0);
-      EXPECT_THAT(status, testing::AnyOf(SIGKILL, W_EXITCODE(1, 0)));
-      killed += status == SIGKILL;
+      const int status = StatusOf(child);
+      EXPECT_THAT(status, testing::AnyOf(-SIGKILL, 1));
+      killed += status == -SIGKILL;
     }
   }
 }
@@ -370,28 +369,20 @@ TEST_F(Hostile, NamesOfProgramAndWatchAreWrittenAsTheyAreOrTheirLineIsDropped) {
 
 TEST_F(Hostile, ProcOfAnotherPidNamespaceGivesNoStacksOfStrangers) {
   SKIP_UNDER_EMULATION("the emulator makes a /proc of its own");
-  const pid_t child = fork();
-  if (child == 0) {
-    if (unshare(CLONE_NEWPID) != 0) _exit(77);
-    const pid_t first = fork();
-    if (first == 0) {
-      Respond(kMost);
-      const std::string foreign = "/proc/1 is another process, /proc belongs to another pid namesp";
-      const Texts failures = Failures();
-      EXPECT_THAT(failures, testing::Contains(testing::StartsWith(foreign)).Times(2));
-      EXPECT_THAT(failures, testing::Contains("Fail to get tids in pid 1\n").Times(2));
-      EXPECT_THAT(ReadFile(log_path_), testing::Not(testing::HasSubstr("tid = ")));
-      char stack[4096];
-      EXPECT_NE(DravikGetStack(std::stoi(fs::read_symlink("/proc/self")), stack), 0);
-      _exit(HasFailure());
-    }
-    int status = -1;
-    waitpid(first, &status, 0);
-    _exit(WEXITSTATUS(status));
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  if (status == W_EXITCODE(77, 0)) GTEST_SKIP() << "only root can make a pid namespace here";
+  constexpr int kNoNamespace = 77;
+  const auto in_namespace = [&] {
+    Respond(kMost);
+    const std::string foreign = "/proc/1 is another process, /proc belongs to another pid namesp";
+    const Texts failures = Failures();
+    EXPECT_THAT(failures, testing::Contains(testing::StartsWith(foreign)).Times(2));
+    EXPECT_THAT(failures, testing::Contains("Fail to get tids in pid 1\n").Times(2));
+    EXPECT_THAT(ReadFile(log_path_), testing::Not(testing::HasSubstr("tid = ")));
+    char stack[4096];
+    EXPECT_NE(DravikGetStack(std::stoi(fs::read_symlink("/proc/self")), stack), 0);
+  };
+  const int status = StatusInChild(
+      [&] { _exit(unshare(CLONE_NEWPID) != 0 ? kNoNamespace : StatusInChild(in_namespace)); });
+  if (status == kNoNamespace) GTEST_SKIP() << "only root can make a pid namespace here";
   EXPECT_EQ(status, 0);
 }
 

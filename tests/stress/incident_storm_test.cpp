@@ -14,7 +14,6 @@
 #include <ucontext.h>
 
 #include <deque>
-#include <fstream>
 #include <thread>
 
 #include "log/incident_close.h"
@@ -234,29 +233,6 @@ std::string MakeIncident(int tid) {
   return test_root::ReadFile(QuorvelLastLogPath());
 }
 
-// How much slower than on an idle machine the calling thread ran, since construction: for each
-// second of processor time it waited so many for a processor.
-class Slowdown {
- public:
-  double Factor() const {
-    const Times now = Now();
-    const double ran = now.ran - start_.ran, waited = now.waited - start_.waited;
-    return ran > 0 ? (ran + waited) / ran : 1;
-  }
-
- private:
-  struct Times {
-    double ran = 0, waited = 0;
-  };
-  static Times Now() {
-    Times times;
-    std::ifstream("/proc/thread-self/schedstat") >> times.ran >> times.waited;
-    return times;
-  }
-
-  const Times start_ = Now();
-};
-
 class IncidentStorm : public testing::Test {
  protected:
   IncidentStorm() {
@@ -293,16 +269,6 @@ class IncidentStorm : public testing::Test {
   // For those who wait in read.
   static void Feed() { EXPECT_EQ(write(g_pipe[1], "xxxxxxxxxxxxxxxxxxxx", 20), 20); }
 
-  // An incident ends in seconds, silences apart, as far as there are processors for it.
-  static void ExpectInTime(const std::string& text, double seconds, double slowdown) {
-    constexpr double kLimit = 20, kEmulatedLimit = 40, kSilence = 5;
-    double limit = (Emulated() ? kEmulatedLimit : kLimit) * slowdown;
-    for (size_t at = 0; (at = text.find("Unwind failed:", at)) != std::string::npos; ++at) {
-      limit += kSilence;
-    }
-    EXPECT_LT(seconds, limit) << "slower by " << slowdown;
-  }
-
   void ExpectAllAccountedFor(const std::string& text) const {
     for (const Hostile& thread : threads_) {
       const std::string section = SectionOf(thread.tid, text);
@@ -327,12 +293,7 @@ TEST_F(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) 
   for (; Clock::now() < end && !HasFailure(); ++incidents) {
     alarm(kHang);
     Feed();
-    const Clock::time_point start = Clock::now();
-    const Slowdown slowdown;
-    const std::string text = MakeIncident(threads_[incidents % threads_.size()].tid);
-    ExpectInTime(text, std::chrono::duration<double>(Clock::now() - start).count(),
-                 slowdown.Factor());
-    ExpectAllAccountedFor(text);
+    ExpectAllAccountedFor(MakeIncident(threads_[incidents % threads_.size()].tid));
   }
   printf("%zu incidents with %zu hostile threads, %d partings\n", incidents, threads_.size(),
          partings_.load());

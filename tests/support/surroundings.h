@@ -12,6 +12,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <vector>
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define SANITIZED true
 #else
@@ -34,26 +36,35 @@ inline bool Emulated() {
 #define SKIP_UNDER_EMULATION(reason) \
   if (Emulated()) GTEST_SKIP() << "under emulation: " << (reason)
 
-// Has the kernel refuse to this process, from now on, what old or confined ones do: questions about
-// a single mapping, reads of one's own memory by that call, writes without a signal.
-inline bool RefuseNewCalls() {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 2, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+// Puts the calling thread, from now on, behind a filter of its calls.
+inline bool InstallFilter(std::vector<sock_filter> program) {
+  const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+// Has the kernel refuse such calls to the calling thread from now on.
+inline bool RefuseCalls(std::initializer_list<unsigned> numbers) {
+  std::vector<sock_filter> program = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+  for (const unsigned number : numbers) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+  }
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  return InstallFilter(program);
+}
+
+// What old or confined kernels refuse: questions about a single mapping, reads of one's own memory
+// by that call, writes without a signal.
+inline bool RefuseNewCalls() {
+  return RefuseCalls({SYS_ioctl, SYS_pwritev2, SYS_process_vm_readv});
 }
 
 // Has the kernel know, from now on, no write without a signal, as before 6.18, and open nothing.
 inline bool RefuseWritesWithoutSignalAndOpens() {
   constexpr unsigned kNoSignal = 0x100;
-  sock_filter program[] = {
+  return InstallFilter({
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 3, 0),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 0, 3),
@@ -61,23 +72,7 @@ inline bool RefuseWritesWithoutSignalAndOpens() {
       BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, kNoSignal, 0, 1),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
-// Has the kernel refuse that call to the calling thread from now on.
-inline bool RefuseCall(long number) {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+  });
 }
 
 #endif  // QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
