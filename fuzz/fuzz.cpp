@@ -17,7 +17,6 @@
 #include "core/recovery_limit.h"
 #include "elf_image.h"
 #include "host_regs.h"
-#include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "process_maps.h"
 #include "unwind/unwindstack_wrapper.h"
@@ -26,21 +25,6 @@ using Input = FuzzedDataProvider&;
 
 static std::string Text(Input input) {
   return input.ConsumeRandomLengthString().c_str();  // up to a NUL
-}
-
-// What is taken for a thread id is one, written out in full.
-void task_entry(Input input) {
-  const std::string name = Text(input);
-  int tid = -1;
-  if (!proctid::ParseTid(name.c_str(), &tid)) {
-    assert(tid == -1 && (errno == EINVAL || errno == ERANGE));
-    return;
-  }
-  char text[16];
-  const bool hex = name.find_first_of("xX") != name.npos;
-  snprintf(text, sizeof(text), hex ? "%x" : "%d", static_cast<unsigned>(tid));
-  assert(tid > 0 &&
-         strcasecmp(name.c_str() + name.find_first_not_of(" \t\n\v\f\r+0xX"), text) == 0);
 }
 
 // Recovery records, as the property store may hold them, and any program's name for one.
@@ -96,27 +80,6 @@ void property_value(Input input) {
   assert(content.compare(0, strlen(value), value) == 0);
   assert((dravik_get_config(12, config, sizeof(config)) == 0) == (length > 0 && length < 8));
   atrace_get_enabled_tags();
-}
-
-// The text of a frame of any content has the function's name whole, and not much else.
-void frame_text(Input input) {
-  unwindstack_wrapper unwinder;
-  unwinder.num_frames = 1;
-  unwindstack::FrameData& frame = unwinder.frames.emplace_back();
-  frame.num = input.ConsumeIntegral<uint16_t>();
-  frame.rel_pc = input.ConsumeIntegral<uint64_t>();
-  frame.map_elf_start_offset = input.ConsumeIntegral<uint32_t>();
-  frame.map_start = input.ConsumeIntegral<uint64_t>();
-  frame.map_end = frame.map_start + input.ConsumeIntegral<uint8_t>() % 2;
-  frame.function_offset = input.ConsumeIntegral<uint64_t>();
-  const std::string map = Text(input), function = Text(input);
-  frame.map_name = map;
-  frame.function_name = function;
-  unwinder.is_32bit = input.ConsumeIntegral<uint8_t>() % 2 != 0;
-  const std::string text = unwinder.frame_string(0);
-  assert(text.compare(0, 3, "  #") == 0 &&
-         (function.empty() || text.find(" (" + function) < text.npos));
-  assert(text.size() <= 128 + map.size() + function.size());
 }
 
 // A list of mappings that is any text: what is read of it is in order and lies within the text.

@@ -55,8 +55,9 @@ class Process : public testing::Test {
   }
   ~Process() override { GTEST_FLAG_SET(death_test_style, "fast"); }
 
-  void NoMonitor() {
+  void InitWithoutMonitor() {
     fakes.pthread_create = [this](void* (*)(void*)) { return ++threads_made_, 0; };
+    quorvel_init();
   }
   void AwaitSleep(int number) const {
     while (sleeps_ < number) std::this_thread::yield();
@@ -64,6 +65,11 @@ class Process : public testing::Test {
   static bool MonitorWaits() {
     const QuorvelMutexLock lock(&g_wake_up.lock);
     return g_wake_up.waiting != 0;
+  }
+  void StartMonitorAndAwaitIdle(int sleeps) {
+    allowed_sleeps_ = sleeps;
+    quorvel_init();
+    AwaitIdleMonitor();
   }
   static void AwaitIdleMonitor() {
     while (!MonitorWaits()) std::this_thread::yield();
@@ -73,6 +79,12 @@ class Process : public testing::Test {
     return g_registry.cursor;
   }
   static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
+  // Runs the body in a new process, which ends well unless an expectation fails in it.
+  template <typename Body>
+  static void ExpectEndsWell(const Body& body) {
+    EXPECT_EXIT((alarm(30), body(), _exit(HasFailure() ? 1 : 0)), ExitedWithCode(0), "");
+  }
+
   std::atomic<int> sleeps_{0}, allowed_sleeps_{0}, threads_made_{0};
   int cut_short_ = 0;
   std::string slept_;
@@ -81,12 +93,8 @@ class Process : public testing::Test {
   LogCapture log_;
 };
 
-// In a new process, which ends well unless an expectation fails in it.
-#define EXPECT_ENDS_WELL(body) \
-  EXPECT_EXIT((alarm(30), (body)(), _exit(HasFailure() ? 1 : 0)), ExitedWithCode(0), "")
-
 TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
-  const auto body = [&] {
+  ExpectEndsWell([&] {
     cut_short_ = 2;
     allowed_sleeps_ = 3;
     quorvel_init();
@@ -94,26 +102,20 @@ TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
     EXPECT_EQ(slept_, "1! 1! 1 ");
     EXPECT_STREQ(thread_name_, "quorvel");
     EXPECT_EQ(Cursor(), 2);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(Process, TheMonitorWaitsAfterThreeQuietTicks) {
-  const auto body = [&] {
-    allowed_sleeps_ = 100;
-    quorvel_init();
-    AwaitIdleMonitor();
+  ExpectEndsWell([&] {
+    StartMonitorAndAwaitIdle(100);
     EXPECT_EQ(sleeps_, 3);
     EXPECT_EQ(Cursor(), 3);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
-  const auto body = [&] {
-    allowed_sleeps_ = 3;
-    quorvel_init();
-    AwaitIdleMonitor();
+  ExpectEndsWell([&] {
+    StartMonitorAndAwaitIdle(3);
     for (int i = 0; i < 3; ++i) Start(1);
     AwaitSleep(4);
     EXPECT_FALSE(MonitorWaits());
@@ -122,21 +124,17 @@ TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
     AwaitIdleMonitor();
     EXPECT_EQ(sleeps_, 7);
     EXPECT_EQ(Armed(), 0u);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(Process, AWaitThatEndsByItselfCostsThreeTicks) {
-  const auto body = [&] {
-    allowed_sleeps_ = 100;
-    quorvel_init();
-    AwaitIdleMonitor();
+  ExpectEndsWell([&] {
+    StartMonitorAndAwaitIdle(100);
     g_wake_up.condition.Signal();
     AwaitSleep(4);
     AwaitIdleMonitor();
     EXPECT_EQ(sleeps_, 6);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 uint64_t BlockedSignals() {
@@ -150,7 +148,7 @@ constexpr uint64_t SetOf(int number) {
 }
 
 TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
-  const auto body = [&] {
+  ExpectEndsWell([&] {
     std::atomic<uint64_t> at_first{0}, in_callback{0};
     fakes.sleep = [&](unsigned) { return at_first |= BlockedSignals(), 0u; };
     std::atomic<bool> fired{false};
@@ -167,8 +165,7 @@ TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
     }
     EXPECT_EQ(at_first, ~not_blocked);
     EXPECT_EQ(in_callback, ~not_blocked);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 #define SKIP_WHERE_A_CHILD_HAS_NO_THREADS()                    \
@@ -229,7 +226,7 @@ class ProcessFork : public Process {};
 
 // While another thread holds each of the locks in turn, the first of them in the first init of all.
 TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
-  const auto body = [&] {
+  ExpectEndsWell([&] {
     std::atomic<int> held{0}, allowed{0};
     const auto hold = [&] {
       const int lock = ++held;
@@ -249,8 +246,7 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
     for (int lock = 1; lock <= 4; ++lock) {
       while (held < lock) std::this_thread::yield();
       const auto in_child = [&] {
-        NoMonitor();
-        quorvel_init();
+        InitWithoutMonitor();
         quorvel_end(Start(60));
         EXPECT_NE(unwindstack_wrapper_thread::get(getpid(), gettid(), true), nullptr);
       };
@@ -258,13 +254,11 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
       allowed = lock;
     }
     other.join();
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInItAndTheParentGoesOn) {
-  NoMonitor();
-  quorvel_init();
+  InitWithoutMonitor();
   const uint32_t parents = Start(60);
   const auto in_child = [&] {
     fakes.pthread_create = [](void* (*)(void*)) { return EAGAIN; };
@@ -292,10 +286,9 @@ TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInItAndTheParentGoesOn) {
 uint32_t g_early_watch = QUORVEL_INVALID_ID;
 
 TEST_F(ProcessFork, AnInitInAHandlerOfTheHostsThatCameFirstLasts) {
-  const auto body = [&] {
+  ExpectEndsWell([&] {
     pthread_atfork(nullptr, nullptr, [] { quorvel_init(), g_early_watch = Start(60); });
-    NoMonitor();
-    quorvel_init();
+    InitWithoutMonitor();
     Start(60);
     threads_made_ = 0;
     const auto in_child = [&] {
@@ -306,13 +299,11 @@ TEST_F(ProcessFork, AnInitInAHandlerOfTheHostsThatCameFirstLasts) {
       EXPECT_EQ(QuorvelFindNode(g_early_watch)->tid, syscall(SYS_gettid));
     };
     EXPECT_EQ(StatusInChild(in_child), 0);
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(ProcessFork, AChildMadeWithoutForkHandlersIsResetByItsInit) {
-  NoMonitor();
-  quorvel_init();
+  InitWithoutMonitor();
   const uint32_t id = Start(60);
   const pid_t child = _Fork();
   if (child == 0) {
@@ -332,8 +323,7 @@ class ProcessForkedIncident : public Process {
       test_root::MakeEmptyDir(dir);
     }
     test_root::SetProperty("dravik.event.12.config", "1");
-    NoMonitor();
-    quorvel_init();
+    InitWithoutMonitor();
   }
   static void Respond(Function callback, uint32_t flags) {
     const QuorvelCallback call = [](void* arg) { (*static_cast<Function*>(arg))(); };
@@ -346,7 +336,7 @@ class ProcessForkedIncident : public Process {
 };
 
 TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
-  const auto body = [&] {
+  ExpectEndsWell([&] {
     int called = 0;
     const auto respond = [&] { Respond([&] { ++called; }, QUORVEL_FLAG_LOG); };
     for (int i = 0; i < 8; ++i) respond();
@@ -359,8 +349,7 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
     respond();
     EXPECT_EQ(called, 6);
     Respond([] {}, QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY);  // dropped whole: it ends nothing
-  };
-  EXPECT_ENDS_WELL(body);
+  });
 }
 
 TEST_F(ProcessForkedIncident, TheChildsReportNamesNoFileOfTheParents) {
