@@ -2,8 +2,10 @@
 // an input shows to be false ends the run.
 #undef NDEBUG
 
+#include <android/log.h>
 #include <assert.h>
 #include <cutils/trace.h>
+#include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <kelvane.h>
 #include <quorvel/quorvel.h>

@@ -6,7 +6,6 @@
 #include <device_path.h>
 #include <gmock/gmock.h>
 #include <kelvane.h>
-#include <stdlib.h>
 #include <sys/system_properties.h>
 
 #include <atomic>

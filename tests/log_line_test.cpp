@@ -1,7 +1,7 @@
 // The lines of an incident, on their way through the buffer into the file and the Android log.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <quorvel/quorvel.h>
 #include <unistd.h>
 

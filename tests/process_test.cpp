@@ -105,15 +105,7 @@ TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
   });
 }
 
-TEST_F(Process, TheMonitorWaitsAfterThreeQuietTicks) {
-  ExpectEndsWell([&] {
-    StartMonitorAndAwaitIdle(100);
-    EXPECT_EQ(sleeps_, 3);
-    EXPECT_EQ(Cursor(), 3);
-  });
-}
-
-TEST_F(Process, ABurstOfStartsWakesTheMonitorOnceForFourTicks) {
+TEST_F(Process, AMonitorIdleAfterThreeTicksIsWokenByABurstOfStartsOnceForFour) {
   ExpectEndsWell([&] {
     StartMonitorAndAwaitIdle(3);
     for (int i = 0; i < 3; ++i) Start(1);

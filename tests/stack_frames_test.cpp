@@ -437,12 +437,6 @@ TEST_F(StackFramesOfRegisters, OnAnOlderKernelKnowWhereNothingIsMapped) {
   }).Stop();
 }
 
-TEST_F(StackFramesOfRegisters, OfAnotherArchitectureAreRefused) {
-  ucontext_t here;
-  ASSERT_EQ(getcontext(&here), 0);
-  EXPECT_EQ(unwindstack::Regs::CreateFromUcontext(unwindstack::ARCH_MIPS, &here), nullptr);
-}
-
 TEST_F(StackFramesOfRegisters, EndWhereTheStackCannotBeRead) {
   for (const uint64_t sp : {end_, UINT64_MAX - 3, uint64_t{8}}) {
     UnwindFrom(in_code_, sp, 0);

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <setjmp.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include "support/fakes.h"
 #include "support/frames.h"
@@ -96,7 +95,8 @@ TEST_F(UnwindstackWrapper, AContextIsUnwoundInPlaceOfTheThread) {
   EXPECT_THAT(Name(frames_, 0), HasSubstr("AContextIsUnwound"));
 }
 
-TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntry) {
+TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntryAndTheHostsAction) {
+  const KernelAction before = InstallHostsAction();
   ParkedThread gone([](const auto&) {});
   gone.Stop();
   Entry* const list = Entry::list_;
@@ -106,6 +106,7 @@ TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntry) {
                           std::to_string(gone.tid()) + ", No such process"));
   EXPECT_EQ(unwinder_.error, "");
   EXPECT_EQ(Entry::list_, list);
+  EXPECT_EQ(ActionOfSignal33(&before), hosts_);
 }
 
 TEST_F(UnwindstackWrapper, AFailureKeepsTheFramesOfTheLastSuccess) {
@@ -114,25 +115,6 @@ TEST_F(UnwindstackWrapper, AFailureKeepsTheFramesOfTheLastSuccess) {
   EXPECT_EQ(unwinder_.error, "Fail to get registers");
   EXPECT_EQ(frames_.size(), 2u);
   EXPECT_EQ(unwinder_.num_frames, 2u);
-}
-
-// A filter for one thread, as confined processes have it for all.
-TEST_F(UnwindstackWrapper, ASignalThatAFilterRefusesIsAFailureWithItsReasonAndNotSentOtherwise) {
-  SKIP_UNDER_EMULATION("it has no filters");
-  ParkedThread thread(Sleep);
-  ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
-  const KernelAction before = InstallHostsAction();
-  hosts_calls_ = 0;
-  std::atomic<bool> unwound{true};
-  ParkedThread([&](const auto&) {
-    if (RefuseCalls({SYS_rt_tgsigqueueinfo})) unwound = unwinder_.unwind(thread.tid(), nullptr, 64);
-  }).Stop();
-  EXPECT_FALSE(unwound);
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre("E/unwindstack_wrapper: _unwind_locked: cannot send signal 33 to " +
-                          std::to_string(thread.tid()) + ", Operation not permitted"));
-  EXPECT_EQ(hosts_calls_, 0);
-  EXPECT_EQ(ActionOfSignal33(&before), hosts_);
 }
 
 TEST_F(UnwindstackWrapper, TheActionOfTheSignalIsRestoredAfterAnAnswer) {

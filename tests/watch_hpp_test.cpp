@@ -1,7 +1,7 @@
 // C++ watches whose callables are called, ended, dropped, moved and forked, in every order.
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 #include <quorvel/watch.hpp>
 

@@ -43,22 +43,17 @@ inline bool InstallFilter(std::vector<sock_filter> program) {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-// Has the kernel refuse such calls to the calling thread from now on.
-inline bool RefuseCalls(std::initializer_list<unsigned> numbers) {
-  std::vector<sock_filter> program = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const unsigned number : numbers) {
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
-  }
-  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  return InstallFilter(program);
-}
-
-// What old or confined kernels refuse: questions about a single mapping, reads of one's own memory
-// by that call, writes without a signal.
+// Refuses what old or confined kernels do: questions about a single mapping, reads of one's own
+// memory by that call, writes without a signal.
 inline bool RefuseNewCalls() {
-  return RefuseCalls({SYS_ioctl, SYS_pwritev2, SYS_process_vm_readv});
+  return InstallFilter({
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 2, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  });
 }
 
 // Has the kernel know, from now on, no write without a signal, as before 6.18, and open nothing.
