@@ -109,12 +109,21 @@ class LoadTest(StoreTest):
         self.assertEqual(self.incidents(), 1)
 
     def test_a_devices_name_cannot_become_an_option_or_sql(self):
-        name = "--rows'); DROP TABLE shard.incidents; -- \"\\\n{top:UInt32}"
+        name = "--rows'); DROP TABLE shard.incidents; -- \"\\{top:UInt32}"
         self.write_log(name)
         done = self.load(f"{self.directory}/logs")
         self.assertEqual(done.returncode, 0, done.stderr)
         [incident] = self.rows("incidents", *PERIOD, f"signature={self.signature()}")
         self.assertEqual(incident["device"], name)
+
+    def test_two_devices_do_not_become_one_by_their_names(self):
+        for name in ("a\n", "a\x01", "b"):
+            self.write_log(name)
+        done = self.load(f"{self.directory}/logs")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(r"rename the directory 'a\x01'", done.stderr)
+        self.assertEqual([one["device"] for one in self.rows(
+            "incidents", *PERIOD, f"signature={self.signature()}")], ["b"])
 
     def signature(self):
         return self.rows("top", *PERIOD)[0]["signature_id"]
