@@ -160,6 +160,19 @@ bool NamesLambda(std::string_view text) {
   return text.find("{lambda") != text.npos || text.find("$_") != text.npos;
 }
 
+// Where the function's name begins, behind the type that it returns.
+size_t NameBegin(std::string_view function) {
+  size_t begin = 0;
+  for (size_t i = 0; i < function.size();) {
+    const std::string_view rest = function.substr(i);
+    if (rest.front() == '(' || OperatorLength(rest) > 0) break;
+    const bool bracket = rest.front() == '<' || rest.front() == '{';
+    i += bracket ? BracketEnd(rest) : 1;
+    if (rest.front() == ' ') begin = i;
+  }
+  return begin;
+}
+
 // The lambda among the template arguments of a function, so many levels down through std's own
 // templates; empty when there is none.
 std::string_view LambdaArgument(std::string_view function, int levels) {
@@ -215,7 +228,7 @@ std::string PlainName(std::string_view function) {
   std::string_view name = function.substr(0, function.find('@'));
   name = name.substr(0, CloneSuffix(name));
   if (NamesLambda(name) && IsForwarder(name)) {
-    const std::string_view lambda = LambdaArgument(name, kMaxNesting);
+    const std::string_view lambda = LambdaArgument(name.substr(NameBegin(name)), kMaxNesting);
     if (!lambda.empty()) name = lambda.substr(0, lambda.find_last_not_of("&* ") + 1);
   }
   std::string plain = WithOneLambda(WithoutReturnType(WithoutBrackets(name)));

@@ -100,7 +100,8 @@ class Writer {
     const std::string asked = runs ? "called by " : "asked for by ";
     const std::string in = Shortened(" in " + place, WhyRoom() / 2);
     const size_t room = WhyRoom() - std::min(WhyRoom(), WidthOf(asked) + WidthOf(in));
-    Line(std::string(kWhyIndent, ' ') + asked + painter_.Bold(Shortened(own->label, room)) +
+    const std::string_view name = WidthOf(own->label) <= room ? own->label : own->plain;
+    Line(std::string(kWhyIndent, ' ') + asked + painter_.Bold(Shortened(name, room)) +
          painter_.Dim(in));
   }
 

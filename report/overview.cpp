@@ -89,8 +89,8 @@ std::string HintOf(const Incident& incident, const Overview& overview) {
     if (group.relation == Relation::kSameWait) waiting += group.threads.size();
   }
   if (kind == "mutex" && waiting > 0) {
-    return fmt::format(
-        "{} threads wait for mutexes: a deadlock, if each owns what the other wants.", waiting + 1);
+    return fmt::format("{} threads wait for mutexes: a deadlock, if they own each other's.",
+                       waiting + 1);
   }
   if (kind == "mutex") {
     return "Nobody else waits for a mutex: its owner runs or waits for another thing.";

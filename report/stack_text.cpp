@@ -13,11 +13,22 @@ namespace {
 
 constexpr size_t kColumnGap = 2;  // between a frame's function and its place
 
+std::string WithOffset(std::string_view function, uint64_t offset) {
+  return offset == 0 ? std::string(function) : fmt::format("{}+{}", function, offset);
+}
+
 // What stands in a frame's first column: the function, or the pc where it has no name.
 std::string NameOf(const Frame& frame) {
   if (frame.function.empty()) return fmt::format("0x{:x}", frame.pc);
-  if (frame.function_offset == 0) return std::string(frame.function);
-  return fmt::format("{}+{}", frame.function, frame.function_offset);
+  return WithOffset(frame.function, frame.function_offset);
+}
+
+// The same in so many columns: where they are too few for a function of the program's own, without
+// arguments and template arguments.
+std::string NameIn(const Frame& frame, size_t width) {
+  const std::string name = NameOf(frame);
+  const bool plain = !frame.function.empty() && frame.role == Role::kOwn && WidthOf(name) > width;
+  return Padded(plain ? WithOffset(frame.plain, frame.function_offset) : name, width);
 }
 
 std::string InlinedName(std::string_view function) {
@@ -57,7 +68,7 @@ std::string PaintedName(const Frame& frame, const std::string& name, const Paint
 
 PaintedLine FrameLine(const Frame& frame, const Columns& columns, const TextLayout& layout,
                       const Painter& painter) {
-  const std::string name = Padded(NameOf(frame), columns.name);
+  const std::string name = NameIn(frame, columns.name);
   const std::string place = ShortenedInFront(PlaceOf(frame, layout), columns.place);
   return {PaintedName(frame, name, painter) + std::string(kColumnGap, ' ') + painter.Dim(place),
           columns.name + kColumnGap + WidthOf(place)};

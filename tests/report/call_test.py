@@ -50,7 +50,7 @@ class CallTest(unittest.TestCase):
     def run_it(self, *options, stdin="", status=0, **environment):
         env = {"PATH": os.environ["PATH"], "COLUMNS": "80", **environment}
         done = subprocess.run([PROGRAM, *options], input=stdin, text=True, capture_output=True,
-                              env=env, check=False, timeout=60)
+                              env=env, cwd=self.dir.name, check=False, timeout=60)
         self.assertEqual(done.returncode, status, done.stderr)
         return done
 
@@ -80,6 +80,11 @@ class CallTest(unittest.TestCase):
     def test_standard_input_has_another_name_or_zone(self):
         (incident,) = self.lines("--json", "-", stdin=LOG.format(tid=5, watch="w"))
         self.assertEqual((incident["file"], incident["written"]), ("-", "2026-11-22T22:13:48"))
+
+    def test_a_name_after_dashes_is_taken_for_an_option(self):
+        self.write("--all", LOG.format(tid=5, watch="w"))
+        for options in ([], ["--label", "a=b"], ["--symbols", "."]):
+            self.assertEqual(self.lines("--rows", *options, "--", "--all")[0]["file"], "--all")
 
     def test_labels_are_lost(self):
         labels = ["--label", "device=a=b", "--label", "empty="]

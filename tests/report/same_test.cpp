@@ -32,6 +32,9 @@ TEST(FunctionNameTest, BuildsDisagreeOnPlainNames) {
       {"worker()::{lambda(int)#2}::operator()(int) const", "worker::{lambda}"},
       {"worker()::$_12::operator()() const", "worker::{lambda}"},
       {"worker()::{lambda()#1}::_FUN()", "worker::{lambda}"},
+      {"std::enable_if<is_invocable_r_v<void, f()::{lambda()#1}&>, void>::type "
+       "std::__invoke_r<void, f()::{lambda()#1}&>(f()::{lambda()#1}&)",
+       "f::{lambda}"},
       {"Name[abi:cxx11](int)", "Name"},
       {"core::io::read::h0123456789abcdef", "core::io::read"},
       {"non-virtual thunk to Foo::bar()", "Foo::bar"},
