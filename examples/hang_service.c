@@ -1,7 +1,7 @@
 /*
  * A small service that really hangs, for the demo.
  *
- *     hang_service hold FILE              takes the lock of FILE and keeps it until it is ended
+ *     hang_service hold FILE              locks FILE and keeps it locked until it is ended
  *     hang_service serve FILE             its worker waits for that lock, under a 2-second watch
  *     hang_service serve FILE --recovery  the same; the watch may end the process
  *
@@ -82,7 +82,7 @@ static void* sleeper(void* unused) {
   return NULL;
 }
 
-/* Each takes its own mutex, then waits for the other's. */
+/* Each locks its own mutex, then waits for the other's. */
 static NOINLINE void transfer(pthread_mutex_t* from, pthread_mutex_t* to) {
   pthread_mutex_lock(from);
   pthread_barrier_wait(&g_both_locked);

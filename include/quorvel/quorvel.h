@@ -16,8 +16,8 @@
  * Conventions of this header (C99 and C++):
  *   - Every call may be made from any thread, any number of times, in any order. No call throws.
  *   - None of them is async-signal-safe: do not call them from a signal handler.
- *   - Problems are reported by the result and, where said, by a line in the Android log under the
- *     tag "QUORVEL".
+ *   - Problems are reported by the result and, where a call's comment says so, by a line in the
+ *     Android log under the tag "QUORVEL".
  *   - Cost: a start and an end allocate nothing, open nothing, and hold a mutex for a constant-time
  *     list operation; an update does too. Each takes well under a microsecond while no other thread
  *     holds the mutex and the monitor is ticking. With nothing armed for three seconds the monitor
@@ -28,7 +28,7 @@
  *     parent's. quorvel_init may also be called in a fork handler, even one registered before the
  *     library's own (the first quorvel_init registers that one). Not possible in such an early
  *     handler: a start, update or end before quorvel_init. The library does not know yet that it is
- *     in a child, and a mutex that another thread of the parent held stays locked for ever.
+ *     in a child, and a mutex that another thread of the parent held would never be unlocked.
  *     exec needs no care: all descriptors are close-on-exec.
  *   - dlclose: the library stays loaded once it has been loaded.
  *
@@ -91,11 +91,10 @@ extern "C" {
 #define QUORVEL_FLAG_BACKTRACE UINT32_C(2)
 
 /*
- * Afterwards the process ends with _exit(1), unless the recovery switch or the recovery limit
- * forbids it. Together with LOG or BACKTRACE only as long as the rate limit lets the incident
- * through: once it is spent, a hung process goes on. To have it end all the
- * same, start a second watch over the same work, after the first and with this flag alone: that one
- * is not rate-limited.
+ * After its incident the process ends with _exit(1), unless the recovery switch or the recovery
+ * limit forbids it. Together with LOG or BACKTRACE an incident that the rate limit drops does not
+ * end the process: it goes on, hung. To have it end all the same, start a second watch over the
+ * same work, after the first and with this flag alone: that one is not rate-limited.
  */
 #define QUORVEL_FLAG_RECOVERY UINT32_C(4)
 

@@ -12,14 +12,15 @@ std::atomic<void (*)()> g_reset{nullptr};
 // The process that the library's state belongs to; 0 before the first quorvel_init of all.
 std::atomic<pid_t> g_owner{0};
 
-// Set before every fork, cleared by the reset in its child. It tells a child from its parent even
-// where both have the same id, as the first processes of two pid namespaces do.
+// The mark: set before every fork, cleared by the reset in its child. It tells a child from its
+// parent even where both have the same id, as the first processes of two pid namespaces do. In the
+// parent it stays set and means nothing.
 std::atomic<bool> g_child_needs_reset{false};
 
 // How often the state has been reset for a new process.
 std::atomic<uint32_t> g_resets{0};
 
-void StartAnew() {
+void ResetForThisProcess() {
   g_resets.fetch_add(1);
   g_owner.store(getpid());
   g_child_needs_reset.store(false);
@@ -31,7 +32,7 @@ void BeforeFork() {
 }
 
 void AfterForkInChild() {
-  if (g_child_needs_reset.load() || g_owner.load() != getpid()) StartAnew();
+  if (g_child_needs_reset.load() || g_owner.load() != getpid()) ResetForThisProcess();
 }
 
 void RegisterHandlers() {
@@ -50,5 +51,5 @@ void QuorvelEnterProcess(void (*reset)()) {
   pthread_once(&once, RegisterHandlers);
   pid_t owner = 0;
   const pid_t pid = getpid();
-  if (!g_owner.compare_exchange_strong(owner, pid) && owner != pid) StartAnew();
+  if (!g_owner.compare_exchange_strong(owner, pid) && owner != pid) ResetForThisProcess();
 }

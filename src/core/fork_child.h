@@ -1,13 +1,14 @@
-// The child of a fork has none of the parent's other threads: no monitor, and locks that nobody
-// will ever unlock. So all that the library owns is reset there, once:
+// The child of a fork has none of the parent's other threads: it has no monitor, and locks that
+// they held stay locked. So all that the library owns is reset there, once:
 //
 //     parent                          child
 //     ------                          -----
 //     prepare handler: sets the mark
-//     fork ------------------------>  (handlers of the host's that came before ours: one that calls
-//                                      quorvel_init resets everything and clears the mark)
-//                                     child handler: resets everything if the mark is set, clears
-//                                     it
+//     fork ------------------------>  (child handlers that the host registered before ours: one
+//                                      that calls quorvel_init resets everything and clears the
+//                                      mark)
+//                                     our child handler: if the mark is set, resets everything and
+//                                     clears it
 //
 // A child made without fork handlers (a bare clone) is reset by its own first quorvel_init.
 #ifndef QUORVEL_CORE_FORK_CHILD_H_
@@ -29,9 +30,9 @@ struct QuorvelProcess {
 };
 QuorvelProcess QuorvelCurrentProcess();
 
-// To be called first in quorvel_init, with no lock held: the first call registers the handlers,
-// before any lock that a fork could leave locked; a call in a new process that was not reset resets
-// it. Every call must pass the same reset.
+// quorvel_init calls it first, with no lock held. The first call registers the fork handlers, so
+// that they are there before any lock that a fork could leave locked. A call in a new process whose
+// child handler has not run yet, or never will, resets it. Every call must pass the same reset.
 void QuorvelEnterProcess(void (*reset)());
 
 #endif  // QUORVEL_CORE_FORK_CHILD_H_

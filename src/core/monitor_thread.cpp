@@ -17,7 +17,7 @@ constexpr uint32_t kQuietTicksBeforeWait = 3;
 
 std::atomic<bool> g_vendor{false};
 
-// A sleep that a signal cuts short is made up once; a tick never takes more than two.
+// A sleep that a signal ends with the whole second left is repeated, once.
 void SleepOneTick() {
   if (sleep(1) == 1) sleep(1);
 }

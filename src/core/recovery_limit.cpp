@@ -38,7 +38,7 @@ const char* ProgramName() {
 }
 
 [[noreturn]] void ExitRecorded(const std::string& name, int32_t count) {
-  // The largest count stays as it is: one more would read as negative, which forbids every exit.
+  // The largest count is not counted up: it would become negative, which forbids every exit.
   const int32_t next = count < std::numeric_limits<int32_t>::max() ? count + 1 : count;
   const std::string value = std::to_string(next) + "," + std::to_string(time(nullptr));
   __system_property_set(name.c_str(), value.c_str());
@@ -100,6 +100,6 @@ bool QuorvelRecoveryAllowed(const QuorvelRecoveryRecord& record, int64_t now) {
   if (record.count < kFreeExits) return true;
   int64_t since;
   const bool overflow = __builtin_sub_overflow(now, record.time, &since);
-  // A difference that overflows is that of a time far below zero, which is long ago.
+  // The difference overflows only where the recorded time lies far below zero: long ago.
   return overflow || since >= kPauseSeconds;
 }

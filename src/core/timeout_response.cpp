@@ -40,18 +40,18 @@ bool WithinRateLimit() {
   return g_period.count < kRateLimit;
 }
 
-// Tells by the links of the task directory: two and one a thread. They are right also where /proc
-// belongs to another pid namespace, and counting them allocates nothing. Without /proc the answer
-// is yes, as it is in nearly every child.
+// The task directory has two links and one more for each thread. Their number is right even where
+// /proc belongs to another pid namespace, and reading it allocates nothing. Without /proc the
+// answer is yes, which is right in nearly every child.
 bool IsOnlyThread() {
   constexpr nlink_t kLinksOfOneThread = 3;
   struct stat task = {};
   return stat("/proc/self/task", &task) != 0 || task.st_nlink <= kLinksOfOneThread;
 }
 
-// In a child that the client's callback forked and returned from: the incident is the parent's, and
-// this thread would go on as a second monitor. The child's exit handlers are the host's and are not
-// to run, as after any fork that ends with _exit.
+// For a child that the client's callback forked and in which it returned. The incident is the
+// parent's, and this thread would go on as a second monitor. _exit, because the exit handlers are
+// the host's and belong to the parent.
 [[noreturn]] void EndThreadOfForkedChild() {
   if (IsOnlyThread()) _exit(0);
   pthread_exit(nullptr);

@@ -24,7 +24,7 @@ struct QuorvelTimeoutInfo {
 // thread only, with no lock of the core held.
 void QuorvelTimeoutResponse(const QuorvelTimeoutInfo& info, bool is_vendor);
 
-// In the child of a fork: begins the count of the rate limit anew.
+// In the child of a fork: sets the rate limit's count back to 0.
 void QuorvelResetResponseInChild();
 
 #endif  // QUORVEL_CORE_TIMEOUT_RESPONSE_H_

@@ -44,10 +44,10 @@ void ResetInChild() {
   QuorvelResetRegistryInChild();
   QuorvelResetMonitorInChild();
   QuorvelResetResponseInChild();
-  QuorvelDropLogAfterFork();
-  QuorvelForgetLogPathAfterFork();
-  QuorvelResetDumpableAfterFork();
-  unwindstack_wrapper_reset_after_fork();
+  QuorvelDropLogInChild();
+  QuorvelForgetLogPathInChild();
+  QuorvelResetDumpableInChild();
+  unwindstack_wrapper_reset_in_child();
 }
 
 void QuorvelManagerInit() {

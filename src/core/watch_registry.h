@@ -79,8 +79,9 @@ inline QuorvelNode* QuorvelNodeOf(QuorvelLink* link) {
 // Puts every node on the free list in index order, empties the wheel, sets the cursor to slot 0.
 void QuorvelBuildRegistry() QUORVEL_EXCLUDES(g_registry.lock);
 
-// Watches started successfully and nodes released, since the process started, modulo 2^32. Their
-// difference is the number of armed watches. Sequentially consistent; no lock needed.
+// Watches that were started and watches that were ended or expired, in the life of the process,
+// modulo 2^32. Their difference is the number of armed watches. Sequentially consistent, as the
+// wake-up requires (see monitor_thread.h); no lock needed.
 inline void QuorvelCountStarted() {
   g_registry.started.fetch_add(1);
 }
@@ -100,7 +101,9 @@ inline void QuorvelUnlinkNode(QuorvelNode* node) QUORVEL_REQUIRES(g_registry.loc
   node->link.next->prev = node->link.prev;
 }
 
-// Unlinks the head of the free list and forms its id; null when no node is free.
+// Unlinks the head of the free list and forms its id: the node's index in the low 9 bits, the
+// number of starts so far above them. So an id is not given out again before 2^23 more starts, and
+// one that is out of date finds no node. Null when no node is free.
 inline QuorvelNode* QuorvelGetFreeNode() QUORVEL_REQUIRES(g_registry.lock) {
   if (QuorvelIsEmpty(g_registry.free_list)) return nullptr;
   QuorvelNode* node = QuorvelNodeOf(g_registry.free_list.next);
@@ -136,7 +139,7 @@ inline QuorvelNode* QuorvelFindNode(uint32_t id) QUORVEL_REQUIRES(g_registry.loc
   return node->id == id ? node : nullptr;
 }
 
-// Clears a node but for its index.
+// Clears all of a node except its index.
 inline void QuorvelClearNode(QuorvelNode* node, int32_t index) {
   *node = QuorvelNode{};
   node->id = QUORVEL_INVALID_ID;

@@ -49,8 +49,7 @@ std::string EventCommand(const std::string& program) {
   return "Z=copy_systrace_to_cache+quorvel+" + program;
 }
 
-// A section that ends as soon as it begins. Each call tests the tag, which may be switched off in
-// between.
+// A section that ends as soon as it begins. Each of the two calls tests whether the tag is enabled.
 void LeaveTraceMarker(const std::string& program) {
   const std::string text = "quorvel_event_sync :pid=" + std::to_string(getpid()) +
                            " currTime=" + std::to_string(time(nullptr)) + " module=" + program;

@@ -62,11 +62,10 @@ void QuorvelDumpKernel(int tid, bool echo) {
   QuorvelFlushLog();
 }
 
-// Whether an undumpable process has been made dumpable for the time of a dump.
+// Set while a process that is not dumpable is made so for a dump.
 std::atomic<bool> g_dumpable_for_dump{false};
 
-// Makes the process dumpable while it lives: only then may the process read its own stacks in
-// /proc.
+// Keeps the process dumpable for its scope: only then may it read its own stacks in /proc.
 class ScopedDumpable {
  public:
   ScopedDumpable() : was_dumpable_(prctl(PR_GET_DUMPABLE) != 0) {
@@ -88,7 +87,7 @@ class ScopedDumpable {
 
 }  // namespace
 
-void QuorvelResetDumpableAfterFork() {
+void QuorvelResetDumpableInChild() {
   if (g_dumpable_for_dump.exchange(false)) prctl(PR_SET_DUMPABLE, 0);
 }
 

@@ -9,6 +9,6 @@
 void QuorvelKernBacktrace(int tid);
 
 // In the child of a fork: makes it undumpable again if the parent was dumpable only for a dump.
-void QuorvelResetDumpableAfterFork();
+void QuorvelResetDumpableInChild();
 
 #endif  // QUORVEL_LOG_KERNEL_BACKTRACE_H_

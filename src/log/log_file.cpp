@@ -22,8 +22,7 @@ namespace {
 
 constexpr useconds_t kPauseMicros = 5000;
 constexpr int kLockTests = 3;
-constexpr int kMaxLockCycles =
-    100;  // of one pause: half a second, if somebody keeps making the lock
+constexpr int kMaxLockCycles = 100;  // half a second, if the lock is created again and again
 constexpr int kOpenAttempts = 4;
 constexpr int kMaxLogFiles = 10;
 constexpr mode_t kLockMode = 0600;
@@ -71,9 +70,9 @@ bool DirectoryReady(const std::string& dir) {
   return false;
 }
 
-// Waits until the lock file is gone. One that is still there at the fifth test was left by a
-// process that died, and is removed. False, with errno, when it cannot be removed or is created
-// again and again.
+// Waits until the lock file is gone. One that is still there at the fifth test, after 20 ms, was
+// left by a process that died, and is removed. False, with errno, when it cannot be removed or is
+// created again and again.
 bool WaitForLockToGo(const std::string& lock_path) {
   for (int test = 0; test < kLockTests; ++test) {
     if (test != 0) Pause();
@@ -138,10 +137,9 @@ std::string NewLogPath(const std::string& dir) {
   return length < 0 ? std::string() : dir + name;
 }
 
-// Creates a file that did not exist. The creation is exclusive, because two processes that pass the
-// lock at the same moment may choose the same millisecond. Returns the descriptor, or -1 with
-// errno: EEXIST if every attempt met an existing name, else that of the open. path is that of the
-// last attempt.
+// Creates a file that did not exist: exclusively, because two processes may pass the lock together
+// and choose the same millisecond. Returns the descriptor, or -1 with errno: EEXIST if every
+// attempt met an existing name, else that of the open. path is that of the last attempt.
 int OpenLogPath(const std::string& dir, std::string* path) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     *path = NewLogPath(dir);
@@ -190,8 +188,9 @@ const std::string& QuorvelLastLogPath() {
   return LogPath;
 }
 
-// Begun anew in place and never destroyed: the parent's monitor may have been changing it.
-void QuorvelForgetLogPathAfterFork() {
+// Constructed again in place and not destroyed before: at the fork the parent's monitor may have
+// been changing it.
+void QuorvelForgetLogPathInChild() {
   new (&LogPath) std::string;
 }
 

@@ -19,8 +19,8 @@ void QuorvelInitLog(int flags, bool isVendor);
 // The full path of the log file that this process opened last; empty if it has opened none.
 const std::string& QuorvelLastLogPath();
 
-// In the child of a fork, which has opened no log file yet. Leaks the parent's path.
-void QuorvelForgetLogPathAfterFork();
+// In the child of a fork, which has opened no log file yet: empties the path. Leaks the parent's.
+void QuorvelForgetLogPathInChild();
 
 // Whether the clean-up counts an entry: 1 for regular files of any name that does not begin with a
 // dot, 0 for all others.

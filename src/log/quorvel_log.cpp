@@ -98,7 +98,7 @@ void QuorvelFlushLog() {
   }
 }
 
-void QuorvelDropLogAfterFork() {
+void QuorvelDropLogInChild() {
   const int fd = QuorvelGetLogFd();
   if (fd >= 0) close(fd);
   QuorvelSetLogFd(-1);

@@ -5,9 +5,10 @@
 //     LogFd       descriptor of the incident's open file, negative when there is none
 //     LogFlags    flags of the watch whose incident this is, kept until the next incident
 //
-// Only the monitor thread calls these functions, for one incident at a time, without a lock.
-// QuorvelPrintLine is exported: clients may call it on any thread while no incident is being
-// written, therefore LogFd and LogFlags are atomic.
+// Only the monitor thread calls these functions, for one incident at a time, without a lock. The
+// exported QuorvelPrintLine is called on any thread, which finds out by LogFd and LogFlags whether
+// an incident is open: therefore both are atomic. While one is open only the monitor thread may
+// call it, in the incident's callback; a line from another thread may be lost or mixed with others.
 #ifndef QUORVEL_LOG_QUORVEL_LOG_H_
 #define QUORVEL_LOG_QUORVEL_LOG_H_
 
@@ -39,6 +40,6 @@ int QuorvelAppendLog(const char* text, size_t count);
 void QuorvelFlushLog();
 
 // In the child of a fork: closes the copy of the parent's incident file.
-void QuorvelDropLogAfterFork();
+void QuorvelDropLogInChild();
 
 #endif  // QUORVEL_LOG_QUORVEL_LOG_H_

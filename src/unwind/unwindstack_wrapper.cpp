@@ -177,7 +177,7 @@ bool unwindstack_wrapper::_unwind_locked(int tid) {
   return unwound;
 }
 
-void unwindstack_wrapper_reset_after_fork() {
+void unwindstack_wrapper_reset_in_child() {
   unwind_mutex.ResetInChild();
   Entry::list_mutex_ = PTHREAD_MUTEX_INITIALIZER;
   Entry::list_ = nullptr;

@@ -15,7 +15,7 @@
 // of the process: nothing that this class itself does meanwhile allocates or waits for a lock but
 // its own.
 //
-// fork: in a child its locks are unlocked if the parent had called quorvel_init. A process that
+// fork: if the parent had called quorvel_init, the class works in the child too. A process that
 // uses this class alone must not unwind in a child that it forked while another thread unwound.
 #ifndef QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
 #define QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
@@ -74,6 +74,6 @@ class unwindstack_wrapper {
 };
 
 // In the child of a fork: unlocks the unwinder's locks and forgets the parent's threads.
-void unwindstack_wrapper_reset_after_fork();
+void unwindstack_wrapper_reset_in_child();
 
 #endif  // QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_

@@ -17,8 +17,9 @@
 //
 // Every wait is for exactly one value and lasts five seconds at most, on the monotonic clock, so
 // neither side can hold up the other for longer. The handler never releases the reference that its
-// get returned: an entry that a handler has once found stays for good and serves every later
-// exchange with that thread, so nothing is freed under a handler that comes late.
+// get returned: an entry that a handler has found stays for good and serves every later exchange
+// with that thread, so nothing is freed under a handler that comes late. Such a handler waits its
+// five seconds and returns; what it counted up is set back by the next exchange.
 //
 // Locks: list_mutex_ guards the list and the reference counts and is held only inside get and
 // remove. The unwinding thread holds entry_mutex_ for the whole exchange, never together with

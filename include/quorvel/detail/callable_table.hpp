@@ -101,9 +101,10 @@ class CallableTable {
            process_.load(std::memory_order_relaxed);
   }
 
-  // After this the callable does not run, and it has been destroyed; but when called from the
-  // callable itself, both are so once it has returned. Waits for a callable that is running on
-  // another thread. Returns whether it was called. Once for each Acquire.
+  // After this the callable does not run any more and has been destroyed. It waits for one that is
+  // running on another thread; called from the callable itself it does not wait, and the callable
+  // is destroyed when it has returned. Returns whether the callable was called. Once for each
+  // Acquire.
   bool Close(CallableBlock* block) noexcept;
 
  private:
@@ -246,8 +247,8 @@ inline bool CallableTable::Close(CallableBlock* block) noexcept {
   return called;
 }
 
-// Called with the lock held, and returns so. By a futex, for a condition's wait can be cancelled,
-// and a destructor cannot be left that way.
+// Called and left with the lock held. A futex, because the wait on a condition variable is a
+// cancellation point, and a destructor must not be left by cancellation.
 inline void CallableTable::AwaitReturn(CallableBlock* block) noexcept {
   const int saved_errno = errno;
   ++waiting_;

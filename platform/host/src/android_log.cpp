@@ -117,8 +117,8 @@ bool WriteParts(struct iovec* parts, int count, bool may_wait) {
   return written == size;
 }
 
-// Says how many lines are missing at this place. False when that cannot be written either. Nothing
-// is waited for, as the last wait has been in vain.
+// Says how many lines are missing at this place. False when that cannot be written either. It does
+// not wait for a reader: the write before it has waited already.
 bool ReportDiscardedLines(unsigned lines) {
   constexpr char kReport[] = " lines of this log were discarded: they could not be written\n";
   const Prefix prefix(ANDROID_LOG_WARN, "log");
@@ -217,7 +217,7 @@ void Deliver(const __android_log_message& message) {
 
 }  // namespace
 
-void ForgetDiscardedLines() {
+void ForgetDiscardedLinesInChild() {
   g_discarded_lines.store(0, std::memory_order_relaxed);
 }
 

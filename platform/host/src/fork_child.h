@@ -3,17 +3,17 @@
 #ifndef QUORVEL_HOST_FORK_CHILD_H_
 #define QUORVEL_HOST_FORK_CHILD_H_
 
-// From now on local time is told without the C library's lock, which a thread of the parent may
+// From now on local time is computed without the C library's lock, which a thread of the parent may
 // have held.
-void ForgetZoneLock();
+void ForgetZoneLockInChild();
 
-// The lines that the parent's log discarded are the parent's to report.
-void ForgetDiscardedLines();
+// The parent reports the lines that its log discarded; the child does not.
+void ForgetDiscardedLinesInChild();
 
 namespace unwindstack {
 
 // Begins a new walk where a thread of the parent was in the middle of one.
-void StartWalksAnew();
+void StartWalksAnewInChild();
 
 }  // namespace unwindstack
 

@@ -89,8 +89,8 @@ bool ReadTaskFile(int tid, const char* name, char* text, size_t room) {
   return true;
 }
 
-// Describes a thread whose stack the kernel refuses to show, for the errno refusal: its state and
-// what it waits for. False when the thread has ended.
+// What can be said of a thread whose stack the kernel refuses to show: the reason, which is the
+// errno `refusal`, the thread's state and what it waits for. False when the thread has ended.
 bool DescribeState(int tid, int refusal, char* buffer) {
   char stat[512];
   char channel[128];

@@ -74,7 +74,7 @@ void SetDate(long days, struct tm* date) {
 
 }  // namespace
 
-void ForgetZoneLock() {
+void ForgetZoneLockInChild() {
   g_forked = true;
 }
 

@@ -7,7 +7,7 @@
 
 // The local time at a wall-clock second of the years 1 to 9999, with the offset from UTC that held
 // when the library was loaded. The day of the year and the name of the zone are not set. Any thread
-// and any signal handler; takes no lock.
+// and any signal handler; locks nothing.
 struct tm LocalTimeAt(time_t seconds);
 
 #endif  // QUORVEL_HOST_LOCAL_TIME_H_

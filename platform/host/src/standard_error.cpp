@@ -1,4 +1,4 @@
-// All calls that might be points of cancellation go to the kernel directly.
+// All calls that might be cancellation points go to the kernel directly.
 
 #include "standard_error.h"
 
@@ -31,8 +31,8 @@ int64_t MonotonicNanos() {
   return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
-// Bounds all waits of the process together. Every wait is a debt of ten times its length, which
-// time pays off. Threads that wait at once may overdraw it by one wait each.
+// Bounds all waits of the process together: every wait adds ten times its length to a debt, which
+// shrinks as time passes. Threads that wait at the same time may each exceed the bound by one wait.
 std::atomic<int64_t> g_debt_paid_at{0};
 
 int64_t WaitAllowed(int64_t now) {
@@ -106,7 +106,7 @@ class BlockedWriteSignals {
   BlockedWriteSignals() {
     constexpr uint64_t kRaisedByWrites = BitOf(SIGPIPE) | BitOf(SIGXFSZ) | BitOf(SIGTTOU);
     syscall(SYS_rt_sigprocmask, SIG_BLOCK, &kRaisedByWrites, &old_mask_, sizeof(old_mask_));
-    // One that was not blocked cannot have been pending.
+    // A signal that was not blocked cannot be pending.
     if ((old_mask_ & kRaisedByWrites) != 0) {
       syscall(SYS_rt_sigpending, &were_pending_, sizeof(were_pending_));
     }
@@ -148,8 +148,8 @@ long WriteWithFlags(int fd, const struct iovec* parts, int count, int flags) {
   return ResultOf(syscall(SYS_pwritev2, fd, parts, count, -1L, -1L, flags));
 }
 
-// Where a SIGPIPE is pending already, whether ours came to it could not be told afterwards; so
-// nothing is written unless somebody reads.
+// If a SIGPIPE is already pending, one that our write raised could not be told from it afterwards,
+// and not be removed: so nothing is written then unless there is a reader.
 long WriteBlockingSignals(int fd, const struct iovec* parts, int count, int flags) {
   const BlockedWriteSignals blocked;
   if (blocked.WasPending(SIGPIPE) && (PollForWriting(fd, 0) & POLLERR) != 0) return -EPIPE;
@@ -158,10 +158,10 @@ long WriteBlockingSignals(int fd, const struct iovec* parts, int count, int flag
   return result;
 }
 
-// Through a description of its own, so that a write which does not wait leaves the flags of the
-// shared one alone. Where there is no other description to be had (another user's terminal or,
-// before Linux 6.4, pipe; no /proc), the write may still wait if another writer uses the space that
-// the poll has seen.
+// Writes without waiting, through an open file description of its own, because the flags of the
+// shared one must stay as they are. Where it cannot be opened again (another user's terminal or,
+// before Linux 6.4, pipe; no /proc), the write may still wait if another writer fills the space
+// that the poll has seen.
 long WriteReopened(const struct iovec* parts, int count) {
   const long fd = syscall(SYS_openat, AT_FDCWD, "/proc/thread-self/fd/2",
                           O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

@@ -19,7 +19,7 @@ constexpr size_t kMaxPiece = PIPE_BUF;
 // may have passed to a file or socket of the host. No signal is raised, none that was pending is
 // discarded, and the descriptor's flags stay as they are, as other processes share them.
 //
-// Any thread and any signal handler; takes no lock, allocates nothing, is no cancellation point.
+// Any thread and any signal handler; locks nothing, allocates nothing, is no cancellation point.
 // Changes errno.
 size_t WriteToStandardError(struct iovec* parts, int count, bool may_wait);
 

@@ -44,20 +44,20 @@ pid_t RealPid() {
   return static_cast<pid_t>(syscall(SYS_getpid));
 }
 
-// All that the layer keeps and a fork makes wrong in the child.
-void StartAnewInChild() {
+// Resets all state of the layer that is wrong in the child of a fork.
+void ResetHostLayerInChild() {
   t_id = {0, 0};
   g_pid.store(RealPid(), std::memory_order_relaxed);
-  ForgetZoneLock();
-  ForgetDiscardedLines();
-  unwindstack::StartWalksAnew();
+  ForgetZoneLockInChild();
+  ForgetDiscardedLinesInChild();
+  unwindstack::StartWalksAnewInChild();
 }
 
-[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, StartAnewInChild);
+[[maybe_unused]] const int g_fork_handler = pthread_atfork(nullptr, nullptr, ResetHostLayerInChild);
 
 // Condition variables of the layer's own, stored in the C library's. A wait of the C library's is a
-// point of cancellation, which the device does not have: a thread that is being cancelled would
-// wait in the unwinder's handler for ever, for a signal that is blocked there. Deadlines are on the
+// cancellation point, which a device does not have: a thread that is being cancelled would wait in
+// the unwinder's handler for ever, for a signal that is blocked there. Deadlines are on the
 // monotonic clock.
 struct Condition {
   std::atomic<uint32_t> turn;

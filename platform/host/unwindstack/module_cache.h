@@ -1,9 +1,9 @@
 // The ELF images behind the process's code mappings, read once and kept while they stay mapped.
 //
 // Libraries come, go and are replaced at the same address. So once an unwind a kept image is
-// compared with the mapping, the file's attributes and the first bytes in memory, and read anew if
+// compared with the mapping, the file's attributes and the first bytes in memory, and read again if
 // any of them has changed. Not for two threads at once; locks nothing, allocates nothing from the
-// heap.
+// heap. It opens and reads files while a thread is stopped: a file system that hangs, hangs it.
 //
 // The images are found by the process's list of mappings and not by glibc's _dl_find_object, which
 // would replace less than the 60 lines of the search back to an image's first mapping and of the

@@ -1,5 +1,5 @@
 // Defers cancellation of the calling thread for a scope: files are read here under locks, by calls
-// that are points of cancellation on this machine and not on a device.
+// that are cancellation points on this machine and not on a device.
 #ifndef QUORVEL_HOST_UNWINDSTACK_NO_CANCELLATION_H_
 #define QUORVEL_HOST_UNWINDSTACK_NO_CANCELLATION_H_
 

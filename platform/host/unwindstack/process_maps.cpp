@@ -146,7 +146,7 @@ void Maps::Release() {
 bool Maps::Parse() {
   const NoCancellation scope;
   Release();
-  // The process's list is that of its first thread, which has none once it has ended.
+  // /proc/self shows the list of the first thread, which is empty once that thread has ended.
   for (const char* path : {"/proc/self/maps", "/proc/thread-self/maps"}) {
     fd_ = OpenMaps(path);
     if (fd_ < 0) continue;

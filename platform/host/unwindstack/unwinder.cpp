@@ -24,7 +24,7 @@ struct Shared {
   unw_addr_space_t space;
   std::vector<FrameData>* vectors[kPooledVectors];
   std::atomic<bool> vector_taken[kPooledVectors];
-  std::atomic<bool> walk_taken;
+  std::atomic<bool> walk_locked;
   StackWalk* walk;
 };
 Shared g_shared;
@@ -40,11 +40,11 @@ class WalkLock {
  public:
   WalkLock() {
     constexpr int kYields = 100;
-    for (int i = 0; g_shared.walk_taken.exchange(true, std::memory_order_acquire); ++i) {
-      i < kYields ? sched_yield() : usleep(100);  // a yield lets no lower priority run
+    for (int i = 0; g_shared.walk_locked.exchange(true, std::memory_order_acquire); ++i) {
+      i < kYields ? sched_yield() : usleep(100);  // a yield runs no thread of lower priority
     }
   }
-  ~WalkLock() { g_shared.walk_taken.store(false, std::memory_order_release); }
+  ~WalkLock() { g_shared.walk_locked.store(false, std::memory_order_release); }
   WalkLock(const WalkLock&) = delete;
   WalkLock& operator=(const WalkLock&) = delete;
 };
@@ -55,11 +55,11 @@ class WalkLock {
 // library's own locks held by a thread that it does not have. It abandons both, begins a new walk
 // and follows frame pointers alone. The fork cannot wait for the walk instead: it may itself wait
 // for an allocator lock of the stopped thread, and then the unwinder would wait for the fork.
-void StartWalksAnew() {
-  if (!g_shared.walk_taken.load(std::memory_order_relaxed)) return;
+void StartWalksAnewInChild() {
+  if (!g_shared.walk_locked.load(std::memory_order_relaxed)) return;
   g_shared.space = nullptr;
   g_shared.walk = NewStackWalk();
-  g_shared.walk_taken.store(false, std::memory_order_relaxed);
+  g_shared.walk_locked.store(false, std::memory_order_relaxed);
 }
 
 Unwinder::Unwinder(size_t max_frames, Maps* maps, Regs* regs, std::shared_ptr<Memory>)

@@ -7,7 +7,7 @@
 // Descriptor 2 is written to while it is what it was when the library was loaded, or has become a
 // terminal, a pipe, another character device or a file opened for appending.
 //
-// Any thread, and signal handlers: takes no lock, allocates nothing, leaves errno as it was.
+// Any thread, and signal handlers: locks nothing, allocates nothing, leaves errno as it was.
 #ifndef QUORVEL_HOST_ANDROID_LOG_H_
 #define QUORVEL_HOST_ANDROID_LOG_H_
 

@@ -1,4 +1,4 @@
-// The list of the calling process's mappings, read anew by each object.
+// The list of the calling process's mappings, read again by each object.
 //
 // An object is for one thread. Parsing uses no lock of the C library and allocates nothing from
 // its heap.
