@@ -114,7 +114,10 @@ void StackWalk::Run(unw_addr_space_t space, const Regs& regs, Maps* maps, size_t
     const Code* const code = Inspect();
     if (!IsFrame(code)) break;
     frames->push_back(MakeFrame(frames->size(), code));
+    const uint64_t pc = regs_[kRegPc];
+    const uint64_t sp = regs_[kRegSp];
     if (frames->size() == max_frames || !Step(code)) break;
+    if (regs_[kRegPc] == pc && regs_[kRegSp] == sp) break;  // on a link register's old value
   }
 }
 
@@ -255,6 +258,7 @@ bool StackWalk::StepByTable() {
       unw_get_reg(&cursor_, UNW_REG_SP, &sp) != 0) {
     return false;
   }
+  if (reads_left_ == 0) return false;  // the library guesses where its table led nowhere
   // A caller's frame lies above, unless it was interrupted by a signal, on another stack.
   if (sp < regs_[kRegSp] && !entry_.signal_frame) return false;
   regs_[kRegPc] = pc;
