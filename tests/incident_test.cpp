@@ -136,8 +136,8 @@ TEST_F(Incident, InAProcessThatNeverHadAFileIsReportedWithoutOne) {
     Respond(0);
     _exit(Journal() == Event("", "app") ? 0 : 1);
   }
-  const std::string self = "/proc/" + std::to_string(getpid()) + "/exe";
-  EXPECT_EQ(system(("QUORVEL_TEST_CLIENT=1 " + self + " --gtest_filter=*.InAProcess*").c_str()), 0);
+  const std::string run = "QUORVEL_TEST_CLIENT=1 " + test_root::OwnCommand("*.InAProcess*");
+  EXPECT_EQ(system(run.c_str()), 0);
 }
 
 TEST_F(Incident, ClosesItsFileAndNoOther) {

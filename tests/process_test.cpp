@@ -145,18 +145,21 @@ TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
     fakes.sleep = [&](unsigned) { return at_first |= BlockedSignals(), 0u; };
     std::atomic<bool> fired{false};
     Function callback = [&] { in_callback = BlockedSignals(), fired = true; };
+    uint64_t all = UINT64_MAX;  // but those that cannot be blocked; an emulator knows fewer signals
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, nullptr, sizeof(all));
+    all = BlockedSignals();
     const uint64_t callers = SetOf(SIGUSR2) | SetOf(33);
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &callers, nullptr, sizeof(callers));
     quorvel_init();
     EXPECT_EQ(BlockedSignals(), callers);
     Start(1, &callback);
     while (!fired) std::this_thread::yield();
-    uint64_t not_blocked = SetOf(SIGKILL) | SetOf(SIGSTOP) | SetOf(32) | SetOf(33);
+    uint64_t not_blocked = SetOf(32) | SetOf(33);
     for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
       not_blocked |= SetOf(fault);
     }
-    EXPECT_EQ(at_first, ~not_blocked);
-    EXPECT_EQ(in_callback, ~not_blocked);
+    EXPECT_EQ(at_first, all & ~not_blocked);
+    EXPECT_EQ(in_callback, all & ~not_blocked);
   });
 }
 
@@ -361,6 +364,7 @@ TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
   }).join();
   EXPECT_EQ(StatusOf(child), 0);
   EXPECT_EQ(Events(), 1);
+  if (Emulated()) return;  // the emulator's thread keeps the one that forked from being the last
   EXPECT_EQ(access(trace.c_str(), F_OK), -1) << "an exit handler of the host ran";
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #if defined(__SANITIZE_THREAD__)
@@ -59,6 +60,21 @@ void WriteFile(const std::string& machine_path, const std::string& content) {
   std::ofstream(machine_path, std::ios::binary) << content;
 }
 
+// The words that start this program anew: the kernel alone cannot where it is emulated.
+static std::vector<std::string> OwnWords() {
+  std::vector<std::string> words;
+  std::istringstream emulator(TEST_EMULATOR);
+  for (std::string word; std::getline(emulator, word, '|');) words.push_back(word);
+  words.push_back(fs::read_symlink("/proc/self/exe"));
+  return words;
+}
+
+std::string OwnCommand(const std::string& filter) {
+  std::string command;
+  for (const std::string& word : OwnWords()) command += "'" + word + "' ";
+  return command + "--gtest_filter='" + filter + "'";
+}
+
 }  // namespace test_root
 
 // The library reads its root before main runs, so it has to be there earlier still. The C++ library
@@ -88,6 +104,7 @@ int main(int argc, char** argv) {
   while (std::distance(fs::directory_iterator("/proc/self/task"), {}) > 1) usleep(1000);
 #endif
   testing::InitGoogleTest(&argc, argv);
+  if (*TEST_EMULATOR != '\0') testing::internal::SetInjectableArgvs(test_root::OwnWords());
 #if defined(TESTS_ON_SECOND_THREAD)
   // Its id is not the process's, so that a mix-up of the two shows.
   int result = 1;
