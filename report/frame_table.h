@@ -22,6 +22,8 @@ class FrameTable {
   // file's end may have cut is a frame only where its function stands in it whole.
   const Frame* Find(std::string_view rest, bool may_be_cut);
 
+  size_t size() const { return frames_.size(); }
+
  private:
   struct Names {
     std::string_view function;

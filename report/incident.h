@@ -1,11 +1,12 @@
 // What one incident log says, as plain data: what the reader fills, and what every output writes.
 //
 // All text is valid UTF-8 without control characters: the reader replaced what a log must not bring
-// to a terminal or a page. Views of text and pointers to frames stay valid as long as the LogReader
-// that made them.
+// to a terminal or a page. Views of text and pointers to frames stay valid as long as their
+// incident or a copy of it.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -80,6 +81,7 @@ struct Incident {
   std::vector<std::string_view> printed;  // lines that the program itself printed, a few
   std::vector<std::string> problems;      // "line 93: ...", the first of them
   uint64_t problem_count = 0;             // all of them
+  std::shared_ptr<const void> store;      // what views and frames point into
   std::string raw;  // the file's bytes, only if the reader was asked to keep them
 
   // The watched thread; null when the log has no section of it.

@@ -9,10 +9,12 @@
 
 #include "analysis.h"
 #include "frame_line.h"
+#include "frame_table.h"
 #include "kernel_line.h"
 #include "line_source.h"
 #include "log_time.h"
 #include "safe_text.h"
+#include "text_pool.h"
 
 namespace report {
 namespace {
@@ -20,7 +22,8 @@ namespace {
 constexpr size_t kMaxProblems = 100;  // that are kept; the others are counted
 constexpr size_t kMaxPrinted = 100;   // lines of the program's own
 constexpr uint64_t kLinesPerProgress = 4096;
-constexpr size_t kMaxQuoted = 80;  // of a line, in a problem
+constexpr size_t kMaxSharedFrames = 64 * 1024;  // some 25 MB
+constexpr size_t kMaxQuoted = 80;               // of a line, in a problem
 
 bool TakePrefix(std::string_view* text, std::string_view prefix) {
   if (text->substr(0, prefix.size()) != prefix) return false;
@@ -214,12 +217,30 @@ void Parser::Take(const LineSource::Line& line, uint64_t number) {
 
 }  // namespace
 
+// What logs have in common is stored once. A full store goes with the last of its incidents, so
+// that memory does not grow with the number of logs.
+struct LogReader::Store {
+  explicit Store(Symbols* symbols) : frames(&pool, symbols) {}
+
+  TextPool pool;
+  FrameTable frames;
+};
+
+LogReader::Store* LogReader::RoomyStore() {
+  if (store_ == nullptr || store_->frames.size() > kMaxSharedFrames) {
+    store_ = std::make_shared<Store>(symbols_);
+  }
+  return store_.get();
+}
+
 bool LogReader::Read(int fd, const std::string& file, Incident* incident, std::string* error,
                      const std::function<void(uint64_t)>& on_progress) {
   *incident = Incident();
   incident->file = SafeText(file);
   LineSource source(fd, keep_raw_ ? &incident->raw : nullptr);
-  Parser parser(&pool_, &frames_, incident);
+  Store* const store = RoomyStore();
+  incident->store = store_;
+  Parser parser(&store->pool, &store->frames, incident);
   LineSource::Line line;
   while (source.Next(&line)) {
     parser.Take(line, source.line_number());

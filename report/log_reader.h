@@ -3,20 +3,21 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
-#include "frame_table.h"
 #include "incident.h"
-#include "text_pool.h"
 
 namespace report {
+
+class Symbols;
 
 class LogReader {
  public:
   // Where symbols is given, it names the frames; it stays the caller's. With keep_raw the incidents
   // hold their files' bytes.
   explicit LogReader(Symbols* symbols = nullptr, bool keep_raw = false)
-      : frames_(&pool_, symbols), keep_raw_(keep_raw) {}
+      : symbols_(symbols), keep_raw_(keep_raw) {}
 
   // Reads the whole of fd, which stays the caller's, as the log of that file name. False, with the
   // reason (and the line, where there is one), when it cannot be read or is no incident log.
@@ -25,9 +26,12 @@ class LogReader {
             const std::function<void(uint64_t)>& on_progress = nullptr);
 
  private:
-  TextPool pool_;
-  FrameTable frames_;
+  struct Store;
+  Store* RoomyStore();
+
+  Symbols* symbols_;
   bool keep_raw_;
+  std::shared_ptr<Store> store_;
 };
 
 }  // namespace report

@@ -213,7 +213,7 @@ class Symbols::Impl {
 
   // The file of a map; null when there is none.
   const Module* ModuleOf(std::string_view map) {
-    const auto [entry, added] = modules_.try_emplace(map);
+    const auto [entry, added] = modules_.try_emplace(std::string(map));
     if (added) {
       const fs::path path = FindFile(map);
       if (!path.empty()) entry->second = std::make_unique<Module>(path);
@@ -251,7 +251,7 @@ class Symbols::Impl {
   }
 
   std::vector<std::string> directories_;
-  std::unordered_map<std::string_view, std::unique_ptr<Module>> modules_;
+  std::unordered_map<std::string, std::unique_ptr<Module>> modules_;  // by their maps
   bool indexed_ = false;
   std::unordered_map<std::string, fs::path> path_by_name_;
 };

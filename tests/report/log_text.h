@@ -43,7 +43,7 @@ inline std::string User(int tid, const std::vector<std::string>& functions) {
   return text;
 }
 
-// Reads texts as logs; what it found stays valid as long as it.
+// Reads texts as logs.
 class TextReader {
  public:
   explicit TextReader(Symbols* symbols = nullptr) : reader_(symbols) {}

@@ -184,6 +184,19 @@ TEST_F(ReaderTest, MissingFactsAreInvented) {
   EXPECT_EQ(1u, json["problems"].size());
 }
 
+TEST_F(ReaderTest, TextsOfAnIncidentGoWithLaterLogs) {
+  const Incident kept = reader_.Read(std::string(kHeader) + User(100, {"first"}));
+  std::vector<std::string> functions;
+  for (int i = 0; i < 40000; ++i) functions.push_back(fmt::format("function_{}", i));
+  for (const char* prefix : {"a_", "b_", "c_"}) {  // more than is stored together
+    for (std::string& function : functions) function.insert(0, prefix);
+    const Incident incident = reader_.Read(std::string(kHeader) + User(100, functions));
+    EXPECT_EQ(functions.back(), incident.threads[0].user.back()->function);
+  }
+  EXPECT_EQ("first", kept.threads[0].user[0]->function);
+  EXPECT_EQ("service", kept.program);
+}
+
 TEST_F(ReaderTest, JsonLacksPartsOfAFrame) {
   const nlohmann::json json =
       nlohmann::json::parse(JsonText(reader_.Read(std::string(kHeader) + Kernel(100, {"do_wait"}) +
