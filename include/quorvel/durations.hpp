@@ -6,9 +6,9 @@
 //     }
 //     quorvel::PrintDurations(stderr);
 //
-//     name              timeout      count     median       99 %    longest   share
-//     flush-db             10 s      48211    1.02 ms     1.8 s      6.31 s    63 %  <--
-//     reload                5 s         12     200 ms     410 ms     410 ms     8 %
+//     name      timeout      count    median      99 %   longest   share
+//     flush-db     10 s      48211   1.02 ms    1.80 s    6.31 s    63 %  <--
+//     reload        5 s         12    200 ms    410 ms    410 ms     8 %
 //
 // A duration is what one deadline had to cover: from the start or an update to the next update or
 // the end. Work that still runs is not in the table. Time spent in suspend does not count, as it
