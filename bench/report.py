@@ -174,7 +174,7 @@ class Report:
         return ("![Time of a whole dump](performance-stacks.svg)\n\n" +
                 table([f"threads of {self.results['frames']} frames", *DUMPS.values()], *dumps) +
                 "\n" +
-                table(["a thread stands still: threads", "first dump: median", "99th percentile", "later: median",
+                table(["a thread is stopped: threads", "first dump: median", "99th percentile", "later: median",
                        "99th percentile"], *parked))
 
     def stacks_plot(self):
