@@ -151,7 +151,7 @@ bool StartThreads(int count) {
   return true;
 }
 
-// Frames in the newest incident file: its lines that begin with "  #". Takes no heap.
+// Frames in the newest incident file: its lines that begin with "  #". Uses no heap.
 int FramesInFile() {
   const int fd = open(QuorvelLastLogPath().c_str(), O_RDONLY | O_CLOEXEC);
   static char block[65536];
@@ -195,7 +195,7 @@ void Incident() {
 int main(int argc, char** argv) {
   const int threads = argc == 2 ? atoi(argv[1]) : 0;
   if (threads < 1 || threads > kMaxThreads || !StartThreads(threads)) return 2;
-  // Streams take no heap once the incidents begin.
+  // Streams use no heap once the incidents begin.
   static char in[BUFSIZ], out[BUFSIZ];
   setvbuf(stdin, in, _IOFBF, sizeof(in));
   setvbuf(stdout, out, _IOFBF, sizeof(out));

@@ -1,5 +1,5 @@
 // What one tick of the monitor costs, whether it allocates, and what a client's start and end cost
-// while slots are emptied under them. Linked with the library's inside.
+// while slots are emptied under them. Linked with the library's internal functions.
 
 #include <benchmark/benchmark.h>
 #include <quorvel/quorvel.h>
@@ -97,7 +97,7 @@ void Tick(benchmark::State& state) {
 
 // Pairs of start and end, in batches of about a millisecond. The argument: watches in the slot that
 // a second thread empties at some moment of each batch, as the monitor does once a second; with the
-// client's own all 128 are armed. Null watches: nothing is emptied.
+// client's own all 128 are armed. With 0 nothing is emptied.
 void StartEnd(benchmark::State& state) {
   constexpr int kPairs = 20000;
   const int watches = static_cast<int>(state.range(0));

@@ -5,7 +5,7 @@
 // 32 threads, each 25 frames deep, wait in pause. In every round each way unwinds each of them
 // once, in turns. Prints a line of JSON: for every way the microseconds of each unwind, from the
 // signal to the last frame. The ways in the handler may fault on a broken stack and may wait for
-// the loader's lock, which the interrupted thread may hold: that is why the library takes none of
+// the loader's lock, which the interrupted thread may hold: that is why the library uses none of
 // them.
 
 #define UNW_LOCAL_ONLY

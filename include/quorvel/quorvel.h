@@ -1,9 +1,9 @@
 /*
  * libquorvel: a watchdog inside your process.
  *
- * Bracket work that must not hang with a watch. When a watch is still armed as its deadline comes,
- * the library's monitor thread writes an incident log, calls your callback, reports a hang event
- * and, if you asked for it, ends the process.
+ * Bracket work that must not hang with a watch. If a watch is still armed at its deadline, the
+ * library's monitor thread writes an incident log, calls your callback, reports a hang event and,
+ * if you asked for it, ends the process.
  *
  *     static void on_hang(void* arg) { ((struct service*)arg)->hung = 1; }
  *

@@ -22,13 +22,13 @@
 //   - When the rate limit drops the incident nobody ever calls it: End finds that out and destroys
 //     it. Nothing leaks.
 //   - It is called before the incident's stacks are written. One that makes the work go on hides
-//     what hung: have a second watch for that, which expires a second later.
+//     what hung: use a second watch for that, which expires a second later.
 //   - A watch may be moved at any time, also while its callable runs.
 //   - In the child of a fork a copied watch belongs to a process that is gone: End has no effect on
 //     the library there, never waits, and destroys the child's copy of the callable, unless it was
 //     running in the parent at the fork.
-//     That does not hold yet in a fork handler that was registered before the first watch with a
-//     callable: end none there.
+//     This does not hold in a fork handler that was registered before the first watch with a
+//     callable was made: end no watch there.
 //
 // The callable runs on the library's monitor thread, as QuorvelCallback in quorvel.h says, with no
 // lock of this header held. It must not throw: that ends the process.

@@ -1,5 +1,5 @@
-// Where a path of the device lies on this machine: on a device, there. The host layer has a header
-// of this name that puts the path under its root.
+// Where a path of the device lies on this machine: on a device, it is the path itself. The host
+// layer's header of this name puts the path under its root.
 #ifndef QUORVEL_DEVICE_PATH_H_
 #define QUORVEL_DEVICE_PATH_H_
 

@@ -205,7 +205,7 @@ bool ElfImage::ConvertSymbol(const Elf64_Sym& raw, Symbol* symbol) const {
 }
 
 // Keeps one of several names for one address: sized before unsized, function before label, global
-// before weak before local, then the longest extent, then the first in the alphabet.
+// before weak before local, then the longest extent, then the alphabetically first name.
 void ElfImage::SortSymbols(size_t count) {
   std::sort(symbols_, symbols_ + count, [this](const Symbol& a, const Symbol& b) {
     if (a.value != b.value) return a.value < b.value;
