@@ -13,7 +13,6 @@
 namespace report {
 namespace {
 
-constexpr size_t kAllFrames = SIZE_MAX;
 constexpr size_t kGap = 3;          // between user and kernel stack
 constexpr size_t kWhyIndent = 7;    // as wide as "Why    "
 constexpr size_t kGroupFrames = 8;  // of each group of other threads
@@ -117,7 +116,8 @@ class Writer {
     const size_t room = layout_.width - std::min(layout_.width, kIndent.size() + kGap);
     const size_t right =
         std::min(std::max(KernelStackWidth(*watched, layout_), kKernel.size()), room * 2 / 5);
-    const auto user = UserStackLines(*watched, room - right, kAllFrames, layout_, painter_);
+    const auto user =
+        UserStackLines(*watched, AllFrames(*watched), room - right, layout_, painter_);
     const auto kernel = KernelStackLines(*watched, right, layout_, painter_);
     size_t left = kUser.size();
     for (const PaintedLine& line : user) left = std::max(left, line.width);
@@ -169,7 +169,9 @@ class Writer {
 
   void StackLines(const Thread& thread, size_t indent, size_t most_frames) {
     const size_t width = layout_.width - std::min(layout_.width, indent);
-    for (const PaintedLine& line : UserStackLines(thread, width, most_frames, layout_, painter_)) {
+    const FrameRange shown =
+        layout_.whole_paths ? AllFrames(thread) : OwnFrames(thread, most_frames);
+    for (const PaintedLine& line : UserStackLines(thread, shown, width, layout_, painter_)) {
       Line(std::string(indent, ' ') + line.text);
     }
   }

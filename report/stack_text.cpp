@@ -47,9 +47,10 @@ struct Columns {
 };
 
 // The columns that a stack needs, shortened to so many together; the place gets at most half.
-Columns ColumnsOf(const Thread& thread, size_t width, const TextLayout& layout) {
+Columns ColumnsOf(const Thread& thread, FrameRange shown, size_t width, const TextLayout& layout) {
   Columns columns;
-  for (const Frame* frame : thread.user) {
+  for (size_t i = shown.begin; i < shown.end; ++i) {
+    const Frame* const frame = thread.user[i];
     columns.name = std::max(columns.name, WidthOf(NameOf(*frame)));
     columns.place = std::max(columns.place, WidthOf(PlaceOf(*frame, layout)));
     for (const std::string_view inlined : frame->inlined) {
@@ -79,13 +80,37 @@ PaintedLine Note(const std::string& note, size_t width, bool warning, const Pain
   return {warning ? painter.Warning(text) : painter.Dim(text), WidthOf(text)};
 }
 
+bool IsOwn(const Frame* frame) {
+  return frame->role == Role::kOwn && !frame->system;
+}
+
+// The index behind the outermost frame of the program's own code; 0 where there is none.
+size_t EndOfOwn(const Thread& thread) {
+  size_t end = thread.user.size();
+  while (end > 0 && !IsOwn(thread.user[end - 1])) --end;
+  return end;
+}
+
 std::string_view KernelName(std::string_view frame, const TextLayout& layout) {
   return layout.whole_paths ? frame : KernelFunction(frame);
 }
 
 }  // namespace
 
-std::vector<PaintedLine> UserStackLines(const Thread& thread, size_t width, size_t most_frames,
+FrameRange AllFrames(const Thread& thread) {
+  return {0, thread.user.size()};
+}
+
+FrameRange OwnFrames(const Thread& thread, size_t most) {
+  const auto own = std::find_if(thread.user.begin(), thread.user.end(), IsOwn);
+  if (own == thread.user.end()) return {0, std::min(most, thread.user.size())};
+  const auto begin = static_cast<size_t>(own - thread.user.begin());
+  const size_t end = EndOfOwn(thread);
+  // The line that counts what is left out takes as much room as one frame.
+  return {begin, end - begin <= most + 1 ? end : begin + most};
+}
+
+std::vector<PaintedLine> UserStackLines(const Thread& thread, FrameRange shown, size_t width,
                                         const TextLayout& layout, const Painter& painter) {
   std::vector<PaintedLine> lines;
   if (thread.failed) {
@@ -94,18 +119,17 @@ std::vector<PaintedLine> UserStackLines(const Thread& thread, size_t width, size
   } else if (thread.user.empty()) {
     lines.push_back(Note(thread.has_user ? "no frames" : "not in the log", width, true, painter));
   }
-  const Columns columns = ColumnsOf(thread, width, layout);
-  for (size_t i = 0; i < thread.user.size(); ++i) {
-    const size_t left = thread.user.size() - i;
-    if (i >= most_frames && left > 1 && !layout.whole_paths) {
-      lines.push_back(Note(fmt::format("{} more frames: --all", left), width, false, painter));
-      break;
-    }
+  const Columns columns = ColumnsOf(thread, shown, width, layout);
+  for (size_t i = shown.begin; i < shown.end; ++i) {
     for (const std::string_view inlined : thread.user[i]->inlined) {
       const std::string name = Shortened(InlinedName(inlined), columns.name);
       lines.push_back({painter.Bold(name), WidthOf(name)});
     }
     lines.push_back(FrameLine(*thread.user[i], columns, layout, painter));
+  }
+  if (const size_t end = EndOfOwn(thread); shown.end < end) {
+    lines.push_back(
+        Note(fmt::format("{} more frames: --all", end - shown.end), width, false, painter));
   }
   return lines;
 }

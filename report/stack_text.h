@@ -21,9 +21,21 @@ struct PaintedLine {
   size_t width = 0;
 };
 
-// The user stack in at most so many columns and, but for whole_paths, so many frames: the program's
-// own code bold, the machinery of waiting dimmed.
-std::vector<PaintedLine> UserStackLines(const Thread& thread, size_t width, size_t most_frames,
+// Which frames of a user stack are shown: from begin on, before end.
+struct FrameRange {
+  size_t begin = 0;
+  size_t end = 0;
+};
+
+FrameRange AllFrames(const Thread& thread);
+
+// The frames from the program's own innermost function to its outermost, but so many at most; those
+// of the top where none is its own.
+FrameRange OwnFrames(const Thread& thread, size_t most);
+
+// These frames of the user stack in at most so many columns: the program's own code bold, the
+// machinery of waiting dimmed. What is left out of its own code is counted.
+std::vector<PaintedLine> UserStackLines(const Thread& thread, FrameRange shown, size_t width,
                                         const TextLayout& layout, const Painter& painter);
 
 // The kernel stack likewise; the function that tells the reason is bold.
