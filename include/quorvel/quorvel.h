@@ -83,10 +83,10 @@ extern "C" {
 #define QUORVEL_FLAG_LOG UINT32_C(1)
 
 /*
- * Kernel and user stacks of every thread, that of the watch's thread first. With LOG the file gets
- * all of them; the Android log gets the watch's thread's kernel stack, cut at 1023 characters on
- * its way, and every user stack. Without LOG the Android log gets that one kernel stack and there
- * are no user stacks.
+ * Kernel and user stacks of every thread, those of the watch's thread first. With LOG the file gets
+ * all of them, and the Android log gets the user stacks and the kernel stack of the watch's thread,
+ * which it cuts at 1023 characters. Without LOG the Android log gets that one kernel stack, and
+ * there are no user stacks.
  */
 #define QUORVEL_FLAG_BACKTRACE UINT32_C(2)
 

@@ -38,8 +38,8 @@
 //
 // Costs: a watch without a callable is the two calls of C. With one, its end makes one call more,
 // and a callable of up to 48 bytes is kept without an allocation; a larger one takes one. At most
-// 256 callables are held at once by each program or shared object; in the child of a fork those
-// that other threads of the parent held count too. Needs C++17, neither exceptions nor run-time
+// 256 callables are held at once by each program or shared object; in the child of a fork that
+// includes those of the parent's other threads. Needs C++17, but neither exceptions nor run-time
 // type information.
 //
 // A shared object that is unloaded: its watches with callables must have ended as kEnded or kFired.

@@ -1,11 +1,11 @@
 // Where watch.hpp keeps callables: a fixed table of blocks. Not for direct use.
 //
-// The library hands its callback one pointer. The call may come after the watch was ended, when its
-// response has to wait behind another; or never, when the rate limit drops the incident; and no
-// call of the library tells which. So that pointer is neither freed too early nor kept for ever, it
-// is none: it is a tag, made of a block's index and of its generation, which is new at each use. A
-// call whose tag is out of date finds nothing to run, and a block is free again as soon as its
-// watch has been ended.
+// The library passes one pointer to its callback. The call may come after the watch was ended, when
+// its response has to wait behind another; or never, when the rate limit drops the incident; and no
+// call of the library tells which. A pointer to the callable would be freed too early or kept for
+// ever. So a tag takes its place, made of a block's index and of the block's generation, which
+// changes at each use. A call whose tag is out of date finds nothing to run, and a block is free
+// again as soon as its watch has been ended.
 //
 // A block's states, and what moves it between them:
 //

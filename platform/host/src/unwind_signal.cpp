@@ -53,13 +53,13 @@ constexpr int kUnwindSignal = 33;
 constexpr int kCancelSignal = 32;  // the C library's, for pthread_cancel
 constexpr size_t kKernelSetSize = 8;
 
-constexpr uint64_t SetOf(int signal_number) {
+constexpr uint64_t BitOf(int signal_number) {
   return uint64_t{1} << (signal_number - 1);
 }
 
 // The signals that a thread raises itself.
-constexpr uint64_t kFaults = SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) |
-                             SetOf(SIGTRAP) | SetOf(SIGSYS) | SetOf(SIGABRT);
+constexpr uint64_t kFaults = BitOf(SIGSEGV) | BitOf(SIGBUS) | BitOf(SIGILL) | BitOf(SIGFPE) |
+                             BitOf(SIGTRAP) | BitOf(SIGSYS) | BitOf(SIGABRT);
 
 // As the kernel declares it.
 struct KernelAction {
@@ -188,7 +188,7 @@ KernelAction DispatchAction(const struct sigaction& action) {
   kernel.handler = Dispatch;
   kernel.flags = static_cast<unsigned long>(static_cast<unsigned>(action.sa_flags)) | SA_SIGINFO;
   memcpy(&kernel.mask, &action.sa_mask, sizeof(kernel.mask));
-  kernel.mask |= SetOf(kCancelSignal) | ~kFaults;
+  kernel.mask |= BitOf(kCancelSignal) | ~kFaults;
   SetRestorer(&kernel);
   return kernel;
 }
