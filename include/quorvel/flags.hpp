@@ -31,7 +31,7 @@ class Flags {
   std::uint32_t bits_ = 0;
 };
 
-// What each does stands at its constant in quorvel.h.
+// What each does is described at its constant in quorvel.h.
 inline constexpr Flags kLog{QUORVEL_FLAG_LOG};
 inline constexpr Flags kBacktrace{QUORVEL_FLAG_BACKTRACE};
 inline constexpr Flags kRecovery{QUORVEL_FLAG_RECOVERY};

@@ -188,7 +188,7 @@ QUORVEL_EXPORT void quorvel_clock_sleep(unsigned long seconds);
  * Prints one line, printf-style, to the Android log (warning priority, tag "QUORVEL") and, while an
  * incident log is open, appends it to the incident's buffer. The buffer is written out after the
  * header and with each kernel stack, and cleared before each: what a callback prints is cleared
- * unwritten, so it is to be found in the Android log, not in the file.
+ * unwritten, so it is in the Android log, not in the file.
  *
  *   fmt       printf format; NULL does nothing. The formatted line must be 2 to 1022 characters
  *             long, with or without a newline at its end (one is added in the file if it has none).

@@ -41,7 +41,7 @@ struct QuorvelNode {
 
 constexpr size_t kCacheLine = 64;  // bytes, on x86-64 and nearly all 64-bit ARM
 
-// The registry's state. Only the functions of this component touch it; it stands in the header so
+// The registry's state. Only the functions of this component touch it; it is in the header so
 // that a start and an end need no call for each step.
 struct QuorvelRegistry {
   alignas(kCacheLine) QuorvelMutex lock;

@@ -148,8 +148,8 @@ long WriteWithFlags(int fd, const struct iovec* parts, int count, int flags) {
   return ResultOf(syscall(SYS_pwritev2, fd, parts, count, -1L, -1L, flags));
 }
 
-// If a SIGPIPE is already pending, one that our write raised could not be told from it afterwards,
-// and not be removed: so nothing is written then unless there is a reader.
+// If a SIGPIPE is already pending, one that our write raised could not be distinguished from it
+// afterwards, nor removed: so nothing is written then unless there is a reader.
 long WriteBlockingSignals(int fd, const struct iovec* parts, int count, int flags) {
   const BlockedWriteSignals blocked;
   if (blocked.WasPending(SIGPIPE) && (PollForWriting(fd, 0) & POLLERR) != 0) return -EPIPE;
@@ -245,7 +245,7 @@ class Rest {
   int count_;
 };
 
-// Waits for a reader until the deadline. False when nothing more is to be waited for.
+// Waits for a reader until the deadline. False when there is nothing left to wait for.
 bool WaitForReader(int64_t deadline) {
   const int64_t begin = MonotonicNanos();
   if (begin >= deadline) return false;

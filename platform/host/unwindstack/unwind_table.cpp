@@ -125,8 +125,8 @@ bool ExpressionDivides(Reader* rules) {
   return false;
 }
 
-// Whether rules of a frame description have an expression with a division, or cannot be told from
-// one. The unwinding library does not check for the one quotient at which x86-64 traps.
+// Whether the rules of a frame description may divide: they have an expression with a division, or
+// cannot be read. The unwinding library does not check for the one quotient at which x86-64 traps.
 bool RulesDivide(Reader rules) {
   while (rules.more()) {
     const uint8_t rule = rules.Byte();

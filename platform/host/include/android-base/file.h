@@ -10,7 +10,7 @@ namespace base {
 // Writes all of content, in as many writes as that takes. False, with errno, when one fails.
 bool WriteStringToFd(const std::string& content, int fd);
 
-// Path of this process's executable, as seen from the root; empty when it cannot be told.
+// Path of this process's executable, as seen from the root; empty when it is not known.
 std::string GetExecutablePath();
 
 }  // namespace base
