@@ -115,7 +115,7 @@ std::string WithoutBrackets(std::string_view name) {
       i += BracketEnd(rest);
       if (!arguments) continue;
       // What follows arguments ("const", "&") up to the next part of the name goes with them.
-      const size_t next = name.find_first_of(":", i);
+      const size_t next = name.find(':', i);
       const size_t bracket = name.find_first_of("(<[{", i);
       if (next != name.npos && (bracket == name.npos || next < bracket)) {
         i = next;

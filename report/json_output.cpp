@@ -58,12 +58,14 @@ void WriteLine(const Json& object, std::ostream* out) {
 
 std::vector<std::string_view> LabelsOf(const std::vector<const Frame*>& user) {
   std::vector<std::string_view> labels;
+  labels.reserve(user.size());
   for (const Frame* frame : user) labels.push_back(frame->label);
   return labels;
 }
 
 std::vector<std::string_view> FunctionsOf(const std::vector<std::string_view>& kernel) {
   std::vector<std::string_view> functions;
+  functions.reserve(kernel.size());
   for (const std::string_view frame : kernel) functions.push_back(KernelFunction(frame));
   return functions;
 }
@@ -103,7 +105,8 @@ void WriteJson(const Incident& incident, const Labels& labels, std::ostream* out
 
 void WriteRow(const Incident& incident, const Labels& labels, std::ostream* out) {
   static const Thread kNoThread;
-  const Thread& watched = incident.Watched() == nullptr ? kNoThread : *incident.Watched();
+  const Thread* const found = incident.Watched();
+  const Thread& watched = found == nullptr ? kNoThread : *found;
   const auto failed = std::count_if(incident.threads.begin(), incident.threads.end(),
                                     [](const Thread& thread) { return thread.failed.has_value(); });
   Json keys = Json::array(), values = Json::array();
