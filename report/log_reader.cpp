@@ -179,7 +179,10 @@ void Parser::TakeKernelLine(std::string_view text, bool ended) {
   if (skipping_) return;
   Thread& thread = incident_->threads[thread_];
   const std::optional<KernelLine> line = ParseKernelLine(text, !ended);
-  if (!line) return Problem("not a line of a kernel stack", text);
+  if (!line) {
+    if (ended) Problem("not a line of a kernel stack", text);  // a line that was cut is one already
+    return;
+  }
   if (line->state != '\0') thread.state = line->state;
   if (!line->frame.empty()) thread.kernel.push_back(pool_->Intern(line->frame));
 }
@@ -190,7 +193,10 @@ void Parser::TakeUserLine(std::string_view text, bool ended) {
   unsigned number = 0;
   const Frame* const frame =
       TakeFrameNumber(&rest, &number) ? frames_->Find(rest, !ended) : nullptr;
-  if (frame == nullptr) return Problem("not a frame", text);
+  if (frame == nullptr) {
+    if (ended) Problem("not a frame", text);  // likewise
+    return;
+  }
   if (number != next_frame_) {
     Problem(fmt::format("frame {} where frame {} belongs", number, next_frame_));
   }

@@ -91,6 +91,13 @@ size_t EndOfOwn(const Thread& thread) {
   return end;
 }
 
+// What stands below a kernel stack that is none, or not whole; empty for a whole one.
+std::string KernelNote(const Thread& thread) {
+  if (!thread.has_kernel) return "not in the log";
+  if (thread.state != '\0') return fmt::format("no stack, state {}", thread.state);
+  return thread.kernel.empty() ? "empty" : "";
+}
+
 std::string_view KernelName(std::string_view frame, const TextLayout& layout) {
   return layout.whole_paths ? frame : KernelFunction(frame);
 }
@@ -144,18 +151,13 @@ std::vector<PaintedLine> KernelStackLines(const Thread& thread, size_t width,
     const std::string name = Shortened(KernelName(frame, layout), width);
     lines.push_back({decides ? painter.Bold(name) : painter.Dim(name), WidthOf(name)});
   }
-  if (!thread.has_kernel) {
-    lines.push_back(Note("not in the log", width, false, painter));
-  } else if (thread.state != '\0') {
-    lines.push_back(Note(fmt::format("no stack, state {}", thread.state), width, false, painter));
-  } else if (thread.kernel.empty()) {
-    lines.push_back(Note("empty", width, false, painter));
-  }
+  const std::string note = KernelNote(thread);
+  if (!note.empty()) lines.push_back(Note(note, width, false, painter));
   return lines;
 }
 
 size_t KernelStackWidth(const Thread& thread, const TextLayout& layout) {
-  size_t width = 0;
+  size_t width = WidthOf(KernelNote(thread));
   for (const std::string_view frame : thread.kernel) {
     width = std::max(width, WidthOf(KernelName(frame, layout)));
   }
