@@ -1,4 +1,4 @@
-// What follows from all of a log together.
+// What a log's lines tell only together.
 #pragma once
 
 #include <string>

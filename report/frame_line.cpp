@@ -14,7 +14,8 @@ bool TakePrefix(std::string_view* text, std::string_view prefix) {
   return true;
 }
 
-// Takes a number off the text; gives how many digits it has, 0 when there is none or it overflows.
+// Removes a number from the start of the text. Returns its count of digits: 0 when there is none or
+// it overflows.
 template <typename Number>
 size_t TakeNumber(std::string_view* text, int base, Number* value) {
   const auto [end, error] =
@@ -25,7 +26,7 @@ size_t TakeNumber(std::string_view* text, int base, Number* value) {
   return digits;
 }
 
-// Where the " (" stands whose parenthesis the last character closes; npos if there is none.
+// The position of the " (" whose parenthesis the last character closes; npos if there is none.
 size_t FindFunctionPart(std::string_view text) {
   if (text.empty() || text.back() != ')') return text.npos;
   int depth = 0;

@@ -1,4 +1,4 @@
-// The line of a frame, taken apart.
+// Parses the line of a frame.
 #pragma once
 
 #include <cstdint>
@@ -16,12 +16,12 @@ struct FrameLine {
   uint64_t function_offset = 0;
 };
 
-// Takes the number off a frame's line; what is left, from the pc on, is equal for equal frames.
-// False when the line is none of a frame.
+// Removes the number from the start of a frame's line; the rest, from the pc on, is equal for equal
+// frames. False when the line is not that of a frame.
 bool TakeFrameNumber(std::string_view* line, unsigned* number);
 
 // Reads what TakeFrameNumber left: "HEX[ (offset 0xHEX)]  MAP[ (FUNCTION[+N])]". A map may hold
-// spaces, parentheses, and end in " (deleted)". Nothing where it is not of that form.
+// spaces, parentheses, and end in " (deleted)". Nothing when it has another form.
 std::optional<FrameLine> ParseFrameRest(std::string_view rest);
 
 }  // namespace report

@@ -1,4 +1,4 @@
-// What a frame is for whoever reads a hang: the program's own code, or machinery.
+// Tells the program's own code from the machinery around it.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ namespace report {
 // A map's name without its directory and " (deleted)"; "anonymous" and "unknown" for those.
 std::string MapName(std::string_view map);
 
-// True for the C and C++ libraries, the loader and what else comes with every system.
+// True for the C and C++ libraries, the loader and others that every system has.
 bool IsSystemMap(std::string_view map);
 
 // The role of a function by its demangled and its plain name.

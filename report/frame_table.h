@@ -18,8 +18,8 @@ class FrameTable {
   // Where symbols is given, it adds names, inlined calls and source lines. It stays the caller's.
   FrameTable(TextPool* pool, Symbols* symbols) : pool_(pool), symbols_(symbols) {}
 
-  // The frame of a line from its pc on; null when the line is none of a frame. A line that the
-  // file's end may have cut is a frame only where its function stands in it whole.
+  // The frame of a line, given from its pc on; null when the line is not that of a frame. A line
+  // that the file's end may have cut is a frame only if its function is complete.
   const Frame* Find(std::string_view rest, bool may_be_cut);
 
   size_t size() const { return frames_.size(); }

@@ -12,12 +12,12 @@ namespace report {
 namespace {
 
 constexpr size_t kMaxMangled = 4096;
-constexpr double kMaxDemangled = 256.0 * 1024;  // what the bound below may come to
+constexpr double kMaxDemangled = 256.0 * 1024;  // the largest bound that is accepted
 constexpr size_t kMaxAnalysed = 8192;           // characters: longer names are left as they are
 constexpr int kMaxNesting = 8;                  // of templates around a lambda
 
-// A reference to an earlier part of a name repeats it, so a short name can ask for gigabytes. With
-// n references its length grows at most as 3^(n/3) times.
+// A reference to an earlier part of a name repeats it, so a short name can demangle to gigabytes.
+// With n references its length grows at most as 3^(n/3) times.
 bool MayGrowTooLong(std::string_view symbol) {
   if (symbol.size() > kMaxMangled) return true;
   double references = 0;

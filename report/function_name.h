@@ -6,8 +6,8 @@
 
 namespace report {
 
-// The demangled name, or the symbol itself where it is not mangled, or so that its demangled name
-// could be absurdly long.
+// The demangled name; the symbol itself where it is not mangled or could demangle to a very long
+// name.
 std::string Demangle(std::string_view symbol);
 
 // A demangled name without return type, arguments, template arguments, suffixes of clones, hashes

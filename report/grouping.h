@@ -1,4 +1,4 @@
-// Threads that do the same.
+// Groups threads that do the same.
 #pragma once
 
 #include <vector>

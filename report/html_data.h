@@ -11,7 +11,7 @@
 namespace report {
 
 // The JSON of the incidents. It holds only ASCII characters and no "<": no text in it can end the
-// script element that it stands in.
+// script element around it.
 std::string HtmlData(const std::vector<Incident>& incidents, const Ranking& ranking);
 
 }  // namespace report

@@ -13,8 +13,7 @@
 namespace report {
 namespace {
 
-// Lets the browser run the page's own script and use its own style, and none that a log's text
-// might bring: nobody can know it beforehand.
+// Allows the page's own script and style, and no others: a log's text cannot know the nonce.
 std::string MakeNonce() {
   constexpr int kWords = 4;  // of 32 random bits
   std::random_device random;
@@ -37,7 +36,7 @@ bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
                const Ranking& ranking, std::string* error) {
   const std::string nonce = MakeNonce();
   ReplacedFile file(path);
-  std::string_view rest = kPageHtml;  // "@" stands in it only around a part's name
+  std::string_view rest = kPageHtml;  // "@" is in it only around a part's name
   while (!rest.empty()) {
     const size_t begin = rest.find('@');
     file.Write(rest.substr(0, begin));

@@ -14,7 +14,7 @@
 
 namespace report {
 
-// What a function on a stack is for the reader of a hang.
+// What a function on a stack tells about a hang.
 enum class Role : uint8_t {
   kOwn,       // code of the program
   kWaiting,   // the machinery of waiting: system-call stubs, lock, condition and poll functions

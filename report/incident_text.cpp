@@ -78,7 +78,7 @@ class Writer {
         incident_.watch ? fmt::format("\"{}\"", *incident_.watch) : "a watch without a name";
     const std::optional<int64_t> armed = incident_.ArmedSeconds();
     const std::string span = armed ? fmt::format(" for {} s", *armed) : "";
-    // The span stays in sight of a watch with a long name.
+    // A long name must not push the span off the line.
     const size_t room = layout_.width - std::min(layout_.width, WidthOf(span));
     Line(painter_.Alarm(Shortened(fmt::format("{} hung in {}", program, watch), room) + span));
     Line(fmt::format("  since {}, thread {}", LocalText(incident_.started_local, incident_),
@@ -187,7 +187,7 @@ class Writer {
   void Related(const Overview& overview) {
     if (overview.related.empty()) return;
     Blank();
-    Line(painter_.Heading("Who else stood in the same lock or function"));
+    Line(painter_.Heading("Who else is in the same lock or function"));
     for (const ThreadGroup& group : overview.related) FullGroup(group);
   }
 

@@ -10,7 +10,7 @@
 namespace report {
 
 // Everything, the answers first: what hung, since when, why; the watched thread's stacks side by
-// side; who else stood there; all other threads.
+// side; who else waits there; all other threads.
 std::string FullText(const Incident& incident, const TextLayout& layout, const Painter& painter);
 
 // What hung, since when, why, and the first frames, in a few lines.

@@ -55,7 +55,7 @@ Inputs FindLogs(const std::vector<std::string>& paths, bool recursive) {
     if (path != "-" && fs::is_directory(path, error)) {
       AddDirectory(path, recursive, &inputs);
     } else {
-      inputs.files.push_back(path);  // what is wrong with it, its opening tells
+      inputs.files.push_back(path);  // opening it tells what is wrong with it
     }
   }
   for (const std::string& file : inputs.files) {

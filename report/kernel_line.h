@@ -1,4 +1,4 @@
-// A line of a kernel stack, taken apart.
+// Parses a line of a kernel stack.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,8 @@ struct KernelLine {
   char state = '\0';       // the thread's, where the line tells it in place of a stack
 };
 
-// Reads "[<0>] function+0x1/0x2", also without the address, and the line that stands where there
-// was no stack to be had: "[no kernel stack: why] state S, wait channel NAME". Nothing where the
+// Reads "[<0>] function+0x1/0x2", also without the address, and the line that replaces a stack
+// which could not be read: "[no kernel stack: why] state S, wait channel NAME". Nothing when the
 // line is neither, or may be cut within the function's name.
 std::optional<KernelLine> ParseKernelLine(std::string_view text, bool may_be_cut);
 

@@ -15,7 +15,7 @@ class LineSource {
   struct Line {
     std::string_view text;  // without its end; valid until the next call
     bool ended = true;      // false: the file ends without a new line
-    bool too_long = false;  // and so without text
+    bool too_long = false;  // its text is left out
   };
 
   // Reads from fd, which stays the caller's. Where raw is given, all bytes are appended to it.

@@ -120,7 +120,7 @@ bool Parser::TakeSectionStart(std::string_view text, bool ended) {
   }
   const bool kernel = TakePrefix(&text, "kernel stack tid = ");
   if (!kernel && !TakePrefix(&text, "tid = ")) return false;
-  const int tid = ended ? ParseTid(text) : 0;  // an id that was cut is another thread's
+  const int tid = ended ? ParseTid(text) : 0;  // an id that was cut would be another thread's
   if (tid == 0) {
     Problem("a section without its thread");
     skipping_ = true;
@@ -180,7 +180,7 @@ void Parser::TakeKernelLine(std::string_view text, bool ended) {
   Thread& thread = incident_->threads[thread_];
   const std::optional<KernelLine> line = ParseKernelLine(text, !ended);
   if (!line) {
-    if (ended) Problem("not a line of a kernel stack", text);  // a line that was cut is one already
+    if (ended) Problem("not a line of a kernel stack", text);  // a cut line was counted already
     return;
   }
   if (line->state != '\0') thread.state = line->state;
@@ -223,8 +223,8 @@ void Parser::Take(const LineSource::Line& line, uint64_t number) {
 
 }  // namespace
 
-// What logs have in common is stored once. A full store goes with the last of its incidents, so
-// that memory does not grow with the number of logs.
+// Stores once what logs have in common. A full store is replaced, and is freed with the last of its
+// incidents, so that memory does not grow with the number of logs.
 struct LogReader::Store {
   explicit Store(Symbols* symbols) : frames(&pool, symbols) {}
 

@@ -48,7 +48,7 @@ Date DateOf(int64_t days_since_epoch) {
   return {year_of_era + era * 400 + (month <= 2 ? 1 : 0), month, day};
 }
 
-// A number of so many characters at a place, of which the first may be blank. -1 if it is none.
+// The number in these characters of the text, of which the first may be blank; -1 if it is none.
 int NumberAt(std::string_view text, size_t place, size_t length) {
   std::string_view digits = text.substr(place, length);
   if (digits.front() == ' ') digits.remove_prefix(1);

@@ -11,7 +11,7 @@ namespace report {
 // "Sun Nov 22 21:13:48 2026", as ctime writes it, in seconds since the epoch as if it were UTC.
 std::optional<int64_t> ParseClockText(std::string_view text);
 
-// The milliseconds since the epoch in "quorvel@1763315480007.log", which may lie in a directory.
+// The milliseconds since the epoch in "quorvel@1763315480007.log", with or without a directory.
 std::optional<int64_t> ParseFileTime(std::string_view path);
 
 // "2026-11-22T21:13:48" of seconds since the epoch.

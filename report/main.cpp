@@ -35,7 +35,7 @@ constexpr size_t kWidthWithoutTerminal = 120;
 constexpr size_t kMinWidth = 60;
 constexpr size_t kOutputBuffer = 1024 * 1024;
 
-// Where the results go, and in what shape.
+// How the results are shown.
 struct Surface {
   bool colours = false;
   TextLayout layout;

@@ -5,7 +5,7 @@
 namespace report {
 namespace {
 
-// The tools look for this line, and forget what they know of a process at the next.
+// The tools begin a new process at each such line.
 constexpr std::string_view kBanner =
     "*** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***";
 

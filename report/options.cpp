@@ -11,7 +11,7 @@ namespace {
 const std::map<std::string, Colour> kColours = {
     {"auto", Colour::kAuto}, {"always", Colour::kAlways}, {"never", Colour::kNever}};
 
-// Of these checks each says what is wrong with a text; nothing when it is right.
+// Each of these checks returns what is wrong with a text; an empty string when it is right.
 
 std::string CheckNotEmpty(const std::string& text) {
   return text.empty() ? "a name is missing" : "";

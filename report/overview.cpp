@@ -35,7 +35,7 @@ class Grouping {
   explicit Grouping(const Incident& incident)
       : watched_(incident.Watched()), watched_reason_(incident.reason) {
     const Frame* const own = watched_ == nullptr ? nullptr : FindOwnFrame(watched_->user);
-    // Everything begins in main, and what runs for ever is in its own loop: no sign of a lock.
+    // main, where everything begins, and the function of a thread that runs relate no others.
     if (own != nullptr && own->plain != "main" && watched_reason_.kind != "running") {
       function_ = own->function;
     }

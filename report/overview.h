@@ -1,4 +1,4 @@
-// What a person wants to see of an incident's threads, in the order of interest.
+// Sorts an incident's threads by how much they tell about the hang.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 
 namespace report {
 
-// How a thread is bound up with the watched one.
+// What a thread has in common with the watched one.
 enum class Relation {
   kNone,
   kSameWait,      // it waits for the same kind of lock
-  kSameFunction,  // it stands in the function in which the watched thread waits
+  kSameFunction,  // it is in the function in which the watched thread waits
 };
 
 // Threads with the same user functions, the same reason and the same relation.

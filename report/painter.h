@@ -26,7 +26,7 @@ class Painter {
 // How many columns a text takes; each character is taken for one column.
 size_t WidthOf(std::string_view text);
 
-// The text in at most so many columns: an ellipsis stands for its end where it is longer.
+// The text in at most so many columns: an ellipsis replaces its end where it is longer.
 std::string Shortened(std::string_view text, size_t width);
 
 // The same for a text whose end tells more.

@@ -33,7 +33,7 @@ bool KernelSaysRunning(const Thread& thread) {
          });
 }
 
-// True when the kernel part has nothing against it that the thread ran.
+// True when the kernel part does not say that the thread waited.
 bool MayRun(const Thread& thread) {
   if (thread.state != '\0') return thread.state == 'R';
   return thread.kernel.empty();

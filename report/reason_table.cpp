@@ -260,7 +260,7 @@ constexpr Wait kKernelWaits[] = {
     {"ksys_write", "file-write", "waits while it writes to a file"},
 };
 
-// Where the processor came from a running thread, on x86-64 and 64-bit ARM.
+// How an interrupt enters the kernel from a running thread, on x86-64 and 64-bit ARM.
 constexpr std::string_view kInterruptFrames[] = {"asm_sysvec_*",
                                                  "sysvec_*",
                                                  "irqentry_*",

@@ -17,7 +17,7 @@ const Wait* FindUserWait(std::string_view plain);
 // The entry of a kernel stack's function (see KernelFunction); null for one that tells nothing.
 const Wait* FindKernelWait(std::string_view function);
 
-// True for what stands on the kernel stack of a thread that was interrupted while it ran.
+// True for functions on the kernel stack of a thread that was interrupted while it ran.
 bool IsInterruptFrame(std::string_view function);
 
 // A name without what C libraries add to it: "__GI___libc_read" and "__read_nocancel" are "read".

@@ -8,7 +8,7 @@
 namespace report {
 namespace {
 
-constexpr int kVersion = 1;  // of the rules below: a change of them needs another
+constexpr int kVersion = 1;  // of the rules below; any change of them increments it
 constexpr size_t kTellingFrames = 3;
 constexpr std::string_view kNothing = "-";
 

@@ -17,14 +17,14 @@ std::string WithOffset(std::string_view function, uint64_t offset) {
   return offset == 0 ? std::string(function) : fmt::format("{}+{}", function, offset);
 }
 
-// What stands in a frame's first column: the function, or the pc where it has no name.
+// The text of a frame's first column: the function, or the pc where it has no name.
 std::string NameOf(const Frame& frame) {
   if (frame.function.empty()) return fmt::format("0x{:x}", frame.pc);
   return WithOffset(frame.function, frame.function_offset);
 }
 
-// The same in so many columns: where they are too few for a function of the program's own, without
-// arguments and template arguments.
+// The same in so many columns. A function of the program's own that is too long loses its arguments
+// and template arguments.
 std::string NameIn(const Frame& frame, size_t width) {
   const std::string name = NameOf(frame);
   const bool plain = !frame.function.empty() && frame.role == Role::kOwn && WidthOf(name) > width;
@@ -35,7 +35,7 @@ std::string InlinedName(std::string_view function) {
   return fmt::format("{} (inlined)", function);
 }
 
-// And in its second: the source line, or the module.
+// The text of its second column: the source line, or the module.
 std::string PlaceOf(const Frame& frame, const TextLayout& layout) {
   if (!frame.source.empty()) return std::string(frame.source);
   return layout.whole_paths ? std::string(frame.map) : MapName(frame.map);
@@ -91,7 +91,7 @@ size_t EndOfOwn(const Thread& thread) {
   return end;
 }
 
-// What stands below a kernel stack that is none, or not whole; empty for a whole one.
+// The note below a kernel stack that is missing or empty; no text for any other.
 std::string KernelNote(const Thread& thread) {
   if (!thread.has_kernel) return "not in the log";
   if (thread.state != '\0') return fmt::format("no stack, state {}", thread.state);

@@ -84,7 +84,7 @@ class Module {
     return fmt::format("{}:{}", fs::path(file).filename().string(), line);
   }
 
-  // Where the call that was inlined stands in its caller; empty when it is not told.
+  // The source line of an inlined call in its caller; empty when the file does not tell it.
   static std::string CallSource(Dwarf_Die* unit, Dwarf_Die* inlined) {
     Dwarf_Attribute attribute;
     Dwarf_Word file = 0, line = 0;
@@ -107,8 +107,8 @@ class Module {
     return SourceText(name, number);
   }
 
-  // The source is where the program's own code stands: calls of the C++ library that were inlined
-  // there are passed over.
+  // The source is a line of the program's own code: inlined calls of the C++ library are passed
+  // over.
   void AddSource(Dwarf_Addr address, TextPool* pool, Frame* frame) const {
     Dwarf_Die unit;
     if (!FindUnit(address, &unit)) return;
@@ -201,7 +201,7 @@ class Module {
 
   std::unique_ptr<Dwfl, decltype(&dwfl_end)> dwfl_;
   Dwfl_Module* module_ = nullptr;
-  Dwarf_Addr bias_ = 0;           // of libdwfl's addresses, which the symbols have, over the file's
+  Dwarf_Addr bias_ = 0;           // libdwfl's addresses, which symbols have, minus the file's
   std::vector<UnitRange> units_;  // by their first address
 };
 

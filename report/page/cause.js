@@ -17,7 +17,7 @@ function causeBox(incident, watched, groups) {
       ...relatedThreads(groups, incident.hint));
 }
 
-// Who else waits for the same kind of lock, or stands in the same function. Where nobody does and
+// Who else waits for the same kind of lock, or is in the same function. Where nobody does and
 // the hint sends the reader to other threads: those that do not idle.
 function relatedThreads(groups, hint) {
   let heading = 'In the same lock or function:';

@@ -1,5 +1,5 @@
 // The incidents, as the program wrote them: every string once, equal frames and stacks once, all
-// else by index (html_data.cpp writes it). A negative index stands for what the log does not say.
+// else by index (html_data.cpp writes it). A negative index: the log does not say.
 
 const FRAME_CLASSES = ['own', 'library', 'waiting'];
 

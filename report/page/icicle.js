@@ -1,11 +1,11 @@
-// The icicle picture of all threads' stacks: a box a function, as wide as the threads that stand in
+// The icicle picture of all threads' stacks: a box a function, as wide as the threads that are in
 // it; what it calls hangs below it, and the kernel's functions below the user's. A click, or Enter,
 // makes a box as wide as the picture; arrow keys move from box to box.
 
 const ROW_HEIGHT = 22;
 const BOX_GAP = 1;
 const MIN_BOX_WIDTH = 1.5;  // pixels; a narrower box is seen by zooming
-const TOWER_WIDTH = 8;      // pixels; a narrower box stands for all below it, too
+const TOWER_WIDTH = 8;      // pixels; a narrower box shows all below it, too
 const LABEL_WIDTH = 14;     // pixels; a narrower box has no space for a letter
 const DESCRIBED_IDS = 40;   // of the threads in the box under the pointer
 
@@ -74,7 +74,7 @@ class Icicle {
     if (hadFocus) this.boxes.get(this.current).focus({preventScroll: true});
   }
 
-  // Makes the elements of the zoomed box, of those that it stands in at full width above it, and of
+  // Makes the elements of the zoomed box, of those above it at full width, and of
   // all below it. Returns the number of rows.
   layOut(width) {
     this.boxes.clear();
@@ -159,7 +159,7 @@ class Icicle {
     move();
   }
 
-  // The shown box that stands beside this one in its row.
+  // The shown box beside this one in its row.
   beside(box, step) {
     const row = [...this.boxes.keys()].filter((other) => other.depth === box.depth)
         .sort((a, b) => a.start - b.start);

@@ -1,5 +1,5 @@
-// The threads' stacks as a tree of boxes: a box stands for one function called from the same
-// functions, and holds the threads that stand in it.
+// The threads' stacks as a tree of boxes: a box is one function called from the same
+// functions, and holds the threads that are in it.
 
 function icicleTree(threads) {
   const root = newBox('all threads', 'library', null, null);

@@ -55,7 +55,7 @@ function stepsBar(app, incident) {
       link(same[at - 1], 'Newer'), link(same[at + 1], 'Older'));
 }
 
-// What could not be read, and the threads that the log lost its user stacks of.
+// What could not be read, and the threads whose user stacks the log lost.
 function problemsBox(incident, groups) {
   const cut = groups.flatMap((group) => group.threads).filter((thread) => thread.stack.isCut);
   if (incident.problemCount === 0 && cut.length === 0) return null;

@@ -1,5 +1,5 @@
-// The search over frames. A string that holds the words makes its frames match, those their
-// stacks, those their threads.
+// The search over frames. A string that holds the words makes its frames match, a frame its
+// stacks, a stack its threads.
 
 // What matches, or null for an empty search.
 function searchData(data, query) {
