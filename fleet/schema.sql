@@ -14,11 +14,14 @@ CREATE DATABASE IF NOT EXISTS fleet;
 CREATE DATABASE IF NOT EXISTS intake;
 
 -- One row an incident. A device's program writes one log in a millisecond, so these three are an
--- incident's key: what is loaded twice is merged into one, at the latest by FINAL in a question.
+-- incident's key: what is loaded twice is merged into one, at the latest by FINAL in a question. The day
+-- follows from the millisecond and stands first: a question of some days reads these alone, and FINAL
+-- merges faster where most rows differ in the first column.
 -- Types are wider than any value that the report tool prints, because this release wraps silently.
 -- Stack lists are plain strings: lists of LowCardinality refuse a block in which all are empty.
 -- DEFAULT is not computed for a key that a JSON line omits, MATERIALIZED is.
 -- old_parts_lifetime: what retention dropped must not come back at a restart.
+-- vertical_merge_...: merge column by column, small parts too, which takes less memory.
 CREATE TABLE IF NOT EXISTS shard.incidents
 (
     written_ms UInt64,
@@ -46,8 +49,8 @@ CREATE TABLE IF NOT EXISTS shard.incidents
 )
 ENGINE = ReplacingMergeTree
 PARTITION BY toMonday(day)
-ORDER BY (program, device, written_ms)
-SETTINGS old_parts_lifetime = 30;
+ORDER BY (day, program, device, written_ms)
+SETTINGS old_parts_lifetime = 30, vertical_merge_algorithm_min_rows_to_activate = 1;
 
 -- A sum would double when a batch is loaded again; the set of the incidents' hashes does not. 64 bits:
 -- a hash shared within one signature, build and day is out of practical reach.

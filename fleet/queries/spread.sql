@@ -9,7 +9,7 @@ FROM
 (
     SELECT
         toString(fingerprint) AS fingerprint, program, count() AS incidents,
-        uniqExact(device) AS devices, min(time) AS first_seen, max(time) AS last_seen
+        uniqExact(cityHash64(device)) AS devices, min(time) AS first_seen, max(time) AS last_seen
     FROM fleet.incidents FINAL
     WHERE signature_id = {signature:String}
     GROUP BY fingerprint, program

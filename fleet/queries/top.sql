@@ -4,6 +4,7 @@
 --   program   of this program alone; empty: of all ()
 --   top       number of hangs (20)
 -- devices_per_thousand counts against the devices that are active on a day of the period, in the mean.
+-- The text of a hang comes from a second reading without FINAL, to which doubles do not matter.
 SELECT
     signature_id, of_program AS program, of_watch AS watch, reason, incidents, devices,
     round(1000 * devices / (
@@ -14,13 +15,22 @@ SELECT
 FROM
 (
     SELECT
-        signature_id, any(program) AS of_program, any(watch) AS of_watch, any(reason_kind) AS reason,
-        any(signature) AS text, count() AS incidents, uniqExact(device) AS devices,
-        min(time) AS first_seen, max(time) AS last_seen
+        toString(signature_id) AS signature_id, count() AS incidents,
+        uniqExact(cityHash64(device)) AS devices, min(time) AS first_seen, max(time) AS last_seen
     FROM fleet.incidents FINAL
     WHERE day BETWEEN {from:Date} AND {to:Date}
         AND ({program:String} = '' OR program = {program:String})
     GROUP BY signature_id
 )
+ANY LEFT JOIN
+(
+    SELECT
+        toString(signature_id) AS signature_id, any(program) AS of_program, any(watch) AS of_watch,
+        any(reason_kind) AS reason, any(signature) AS text
+    FROM fleet.incidents
+    WHERE day BETWEEN {from:Date} AND {to:Date}
+        AND ({program:String} = '' OR program = {program:String})
+    GROUP BY signature_id
+) USING signature_id
 ORDER BY incidents DESC, signature_id
 LIMIT {top:UInt32}
