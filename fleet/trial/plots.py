@@ -4,8 +4,9 @@ import datetime
 
 import generate
 
-SIZE = (7.5, 3.2)
+SIZE = (7.5, 3.0)
 MEAN_DAYS = 3
+TICK_WEEKS = 2
 
 
 def _days(rows):
@@ -22,12 +23,44 @@ def _smooth(values):
 
 
 def _save(figure, axes, path):
+    from matplotlib import dates
+    axes.xaxis.set_major_locator(dates.WeekdayLocator(dates.MO, interval=TICK_WEEKS))
+    axes.xaxis.set_major_formatter(dates.DateFormatter("%-d %b"))
+    axes.set_xlabel(str(generate.FIRST_DAY.year))
     axes.set_ylim(bottom=0)
+    axes.margins(x=0.02)
     axes.grid(alpha=0.3)
-    figure.autofmt_xdate()
+    for side in ("top", "right"):
+        axes.spines[side].set_visible(False)
     figure.tight_layout()
     # Nothing in it differs between two runs with the same answers.
     figure.savefig(path, metadata={"Date": None})
+
+
+def _draw_top(pyplot, daily, names, path):
+    """The most frequent hangs, a line each; the legend in the order in which the lines end."""
+    figure, axes = pyplot.subplots(figsize=SIZE)
+    lines = [(rows[-1]["incidents"], axes.plot(
+        _days(rows), _smooth([row["incidents"] for row in rows]), label=names[signature],
+        linewidth=1.5)[0]) for signature, rows in daily.items()]
+    axes.set_title("The most frequent hangs", fontsize="medium")
+    axes.set_ylabel(f"incidents a day,\nmean of {MEAN_DAYS} days")
+    axes.legend(handles=[line for _, line in sorted(lines, key=lambda one: -one[0])],
+                fontsize="small", frameon=False, loc="center left", bbox_to_anchor=(1, 0.5))
+    _save(figure, axes, path)
+
+
+def _draw_fix(pyplot, rows, name, path):
+    """One hang, and the day on which the first device has the build that fixes it."""
+    figure, axes = pyplot.subplots(figsize=SIZE)
+    axes.plot(_days(rows), _smooth([row["per_thousand"] for row in rows]), linewidth=1.5)
+    appears = generate.day_of(generate.first_day_of(generate.FIXED_IN_BUILD))
+    axes.axvline(appears, color="black", linestyle="--", linewidth=1)
+    axes.annotate("  the build with the fix appears", fontsize="small",
+                  xycoords=("data", "axes fraction"), xy=(appears, 0.93))
+    axes.set_title(f"{name}: a fix takes effect", fontsize="medium")
+    axes.set_ylabel(f"incidents a day for a\nthousand active devices,\nmean of {MEAN_DAYS} days")
+    _save(figure, axes, path)
 
 
 def draw(run, directory):
@@ -39,24 +72,8 @@ def draw(run, directory):
 
     top = next(rows for (name, _), (_, rows) in run.answers.items() if name == "top")
     names = {row["signature_id"]: f"{row['program']}: {row['watch']}" for row in top}
-    fixed = run.fleet.signatures[generate.FIXED_HANG]
     daily = {values[2].split("=", 1)[1]: rows
              for (name, values), (_, rows) in run.answers.items() if name == "by_day"}
-
-    figure, axes = pyplot.subplots(figsize=SIZE)
-    for signature, rows in daily.items():
-        axes.plot(_days(rows), _smooth([row["incidents"] for row in rows]),
-                  label=names[signature], linewidth=1.3)
-    axes.set_ylabel(f"incidents a day, mean of {MEAN_DAYS}")
-    axes.legend(fontsize="small")
-    _save(figure, axes, f"{directory}/fleet-top.svg")
-
-    figure, axes = pyplot.subplots(figsize=SIZE)
-    rows = daily[fixed]
-    axes.plot(_days(rows), _smooth([row["per_thousand"] for row in rows]), linewidth=1.3)
-    axes.axvline(generate.day_of(generate.first_day_of(generate.FIXED_IN_BUILD)), color="black",
-                 linestyle="--", linewidth=1)
-    axes.annotate(" the build with the fix appears", fontsize="small", xycoords=("data", "axes fraction"),
-                  xy=(generate.day_of(generate.first_day_of(generate.FIXED_IN_BUILD)), 0.93))
-    axes.set_ylabel("incidents per thousand devices")
-    _save(figure, axes, f"{directory}/fleet-fix.svg")
+    fixed = run.fleet.signatures[generate.FIXED_HANG]
+    _draw_top(pyplot, daily, names, f"{directory}/fleet-top.svg")
+    _draw_fix(pyplot, daily[fixed], names[fixed], f"{directory}/fleet-fix.svg")

@@ -367,6 +367,8 @@ def main():
                     write_page(options.figures, run, load_before)
     except (RuntimeError, OSError, subprocess.SubprocessError) as error:
         sys.exit(f"fleet: {error}")
+    except KeyboardInterrupt:
+        sys.exit("fleet: ended on request; everything is stopped and removed")
 
 
 if __name__ == "__main__":

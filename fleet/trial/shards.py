@@ -8,7 +8,6 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import time
 
 FLEET = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -16,7 +15,6 @@ PASSWORDS = {"reader": "read me", "loader": "load me"}
 # Debian has it where only root's search path looks.
 SERVER = shutil.which("clickhouse-server", path=f"{os.environ.get('PATH', '')}:/usr/sbin")
 START_SECONDS = 30
-STOP_SECONDS = 60
 MARK_CACHE_BYTES = 64 << 20
 PORT_ATTEMPTS = 3
 
@@ -58,14 +56,14 @@ def free_ports(count):
 
 
 def end_in_order():
-    """Makes the first request to end the process an exception, so that what was started is stopped
-    and what was written is removed. Further requests do not hinder that."""
+    """Makes the first request to end the process a KeyboardInterrupt, which no test catches, so that
+    what was started is stopped and what was written is removed. Further requests are ignored."""
     requests = (signal.SIGTERM, signal.SIGHUP, signal.SIGINT)
 
     def end(*_):
         for request in requests:
             signal.signal(request, signal.SIG_IGN)
-        sys.exit("ended on request; everything is stopped and removed")
+        raise KeyboardInterrupt
 
     for request in requests:
         signal.signal(request, end)
@@ -129,21 +127,6 @@ class Shard:
         except OSError:
             lines = []
         return lines[-1] if lines else "its error log is empty"
-
-    def request_stop(self):
-        """Asks the server to end in order."""
-        if self.process is not None and self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-
-    def await_stop(self):
-        """Waits until it has ended; one that does not is killed."""
-        if self.process is None:
-            return
-        try:
-            self.process.wait(STOP_SECONDS)
-        except subprocess.TimeoutExpired:
-            self.kill()
-        self.process = None
 
     def kill(self):
         """Ends the server at once, as a power cut would."""
@@ -223,8 +206,6 @@ class Shards:
         return f"{self.directory}/{role}.xml"
 
     def stop(self):
-        """Stops every server; they end at the same time."""
+        """Stops every server, at once: its directory goes with it."""
         for shard in self.shards:
-            shard.request_stop()
-        for shard in self.shards:
-            shard.await_stop()
+            shard.kill()

@@ -43,8 +43,8 @@ class StoreTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.directory = directory.name
         for shard in STORE:
-            for table in ("incidents", "incidents_by_day", "active_devices"):
-                shard.sql(f"TRUNCATE TABLE shard.{table}")
+            shard.sql("TRUNCATE TABLE shard.incidents; TRUNCATE TABLE shard.incidents_by_day; "
+                      "TRUNCATE TABLE shard.active_devices")
 
     def load(self, *arguments):
         return subprocess.run(
@@ -233,7 +233,6 @@ class AskTest(StoreTest):
         self.assertIn("\ufffd[2Jw", shown)
         self.assertFalse(set("\x1b\r\u202e") & set(shown))
 
-
     def test_days_without_a_count_of_devices_keep_their_incidents(self):
         self.load_rows(row(), row(written_ms=DAY_MS + 1))
         [day] = self.rows("by_day", *PERIOD)
@@ -249,9 +248,9 @@ class RightsTest(StoreTest):
     def test_the_loader_cannot_read_the_fleet(self):
         self.load_rows(*(row(label_values=[f"d{number}"]) for number in range(50)))
         for table in ("shard.incidents", "intake.incidents", "fleet.incidents"):
+            time.sleep(1)  # the quota's interval
             self.assertNotEqual(
                 self.run_as("loader", f"SELECT device FROM {table}").returncode, 0)
-            time.sleep(1)  # the quota's interval
         self.assertNotEqual(self.run_as("loader", "DROP TABLE shard.incidents").returncode, 0)
 
     def test_the_reader_cannot_write(self):
@@ -276,5 +275,9 @@ class RetainTest(StoreTest):
 if __name__ == "__main__":
     REPORT = os.path.abspath(sys.argv.pop(1))
     shards.end_in_order()
-    with tempfile.TemporaryDirectory(prefix="quorvel-fleet-") as home, shards.Shards(home) as STORE:
-        unittest.main()
+    try:
+        with tempfile.TemporaryDirectory(prefix="quorvel-fleet-") as home:
+            with shards.Shards(home) as STORE:
+                unittest.main()
+    except KeyboardInterrupt:
+        sys.exit("fleet_test: ended on request; everything is stopped and removed")
