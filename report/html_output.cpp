@@ -7,7 +7,6 @@
 
 #include "html_data.h"
 #include "html_file.h"
-#include "html_log.h"
 #include "page/page_text.h"
 
 namespace report {
@@ -22,10 +21,10 @@ std::string MakeNonce() {
   return nonce;
 }
 
-void WriteLogs(const std::vector<Incident>& incidents, ReplacedFile* file) {
-  for (size_t i = 0; i < incidents.size(); ++i) {
+void WriteLogs(const std::vector<std::string>& logs, ReplacedFile* file) {
+  for (size_t i = 0; i < logs.size(); ++i) {
     file->Write(fmt::format("<script type=\"text/plain\" id=\"log-{}\">", i));
-    file->Write(PackLog(incidents[i].raw));
+    file->Write(logs[i]);
     file->Write("</script>\n");
   }
 }
@@ -33,7 +32,7 @@ void WriteLogs(const std::vector<Incident>& incidents, ReplacedFile* file) {
 }  // namespace
 
 bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
-               const Ranking& ranking, std::string* error) {
+               const std::vector<std::string>& logs, const Ranking& ranking, std::string* error) {
   const std::string nonce = MakeNonce();
   ReplacedFile file(path);
   std::string_view rest = kPageHtml;  // "@" is in it only around a part's name
@@ -47,7 +46,7 @@ bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
     if (name == "STYLE") file.Write(kPageStyle);
     if (name == "SCRIPT") file.Write(kPageScript);
     if (name == "DATA") file.Write(HtmlData(incidents, ranking));
-    if (name == "LOGS") WriteLogs(incidents, &file);
+    if (name == "LOGS") WriteLogs(logs, &file);
     rest.remove_prefix(end + 1);
   }
   return file.Commit(error);

@@ -9,10 +9,9 @@
 
 namespace report {
 
-// Replaces the file at path by the page of these incidents, as a whole or not at all. The raw logs
-// are those that the incidents hold (LogReader's keep_raw). False, with the reason, when it cannot
-// be written.
+// Replaces the file at path by the page of these incidents, as a whole or not at all. logs: the raw
+// log of each, from PackLog. False, with the reason, when it cannot be written.
 bool WriteHtml(const std::string& path, const std::vector<Incident>& incidents,
-               const Ranking& ranking, std::string* error);
+               const std::vector<std::string>& logs, const Ranking& ranking, std::string* error);
 
 }  // namespace report

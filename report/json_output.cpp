@@ -46,14 +46,27 @@ Json ThreadJson(const Thread& thread) {
           {"failed", OrNull(thread.failed)}};
 }
 
+Json GroupJson(const Group& group) {
+  return {{"tids", group.tids}, {"user", group.user}};
+}
+
 Json LabelsJson(const Labels& labels) {
   Json object = Json::object();
   for (const auto& [key, value] : labels) object[key] = value;
   return object;
 }
 
-void WriteLine(const Json& object, std::ostream* out) {
-  *out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+std::string TextOf(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Adds a list to an object, one element in memory at a time: a large log would need gigabytes.
+template <typename List>
+void WriteList(std::string_view key, const List& list,
+               Json (*to_json)(const typename List::value_type&), std::ostream* out) {
+  *out << ",\"" << key << "\":[";
+  for (size_t i = 0; i < list.size(); ++i) *out << (i == 0 ? "" : ",") << TextOf(to_json(list[i]));
+  *out << ']';
 }
 
 std::vector<std::string_view> LabelsOf(const std::vector<const Frame*>& user) {
@@ -73,34 +86,31 @@ std::vector<std::string_view> FunctionsOf(const std::vector<std::string_view>& k
 }  // namespace
 
 void WriteJson(const Incident& incident, const Labels& labels, std::ostream* out) {
-  Json threads = Json::array();
-  for (const Thread& thread : incident.threads) threads.push_back(ThreadJson(thread));
+  std::string head =
+      TextOf({{"schema", kSchema},
+              {"file", incident.file},
+              {"written", OrNull(WrittenText(incident))},
+              {"utc_offset_seconds", OrNull(incident.utc_offset_seconds)},
+              {"started", OrNull(StartedText(incident))},
+              {"armed_seconds", OrNull(incident.ArmedSeconds())},
+              {"tid", incident.tid == 0 ? Json(nullptr) : Json(incident.tid)},
+              {"watch", OrNull(incident.watch)},
+              {"program", OrNull(incident.program)},
+              {"fingerprint", OrNull(incident.fingerprint)},
+              {"signature", incident.signature},
+              {"signature_id", incident.signature_id},
+              {"reason", {{"kind", incident.reason.kind}, {"text", incident.reason.text}}}});
+  head.pop_back();  // its closing bracket
+  *out << head;
+  WriteList("threads", incident.threads, ThreadJson, out);
+  WriteList("groups", incident.groups, GroupJson, out);
   Json problems = incident.problems;
   if (incident.problem_count > incident.problems.size()) {
     problems.push_back(fmt::format("{} more", incident.problem_count - incident.problems.size()));
   }
-  Json groups = Json::array();
-  for (const Group& group : incident.groups) {
-    groups.push_back({{"tids", group.tids}, {"user", group.user}});
-  }
-  WriteLine({{"schema", kSchema},
-             {"file", incident.file},
-             {"written", OrNull(WrittenText(incident))},
-             {"utc_offset_seconds", OrNull(incident.utc_offset_seconds)},
-             {"started", OrNull(StartedText(incident))},
-             {"armed_seconds", OrNull(incident.ArmedSeconds())},
-             {"tid", incident.tid == 0 ? Json(nullptr) : Json(incident.tid)},
-             {"watch", OrNull(incident.watch)},
-             {"program", OrNull(incident.program)},
-             {"fingerprint", OrNull(incident.fingerprint)},
-             {"signature", incident.signature},
-             {"signature_id", incident.signature_id},
-             {"reason", {{"kind", incident.reason.kind}, {"text", incident.reason.text}}},
-             {"threads", std::move(threads)},
-             {"groups", std::move(groups)},
-             {"labels", LabelsJson(labels)},
-             {"problems", std::move(problems)}},
-            out);
+  std::string tail = TextOf({{"labels", LabelsJson(labels)}, {"problems", std::move(problems)}});
+  tail.front() = ',';
+  *out << tail << '\n';
 }
 
 void WriteRow(const Incident& incident, const Labels& labels, std::ostream* out) {
@@ -114,24 +124,24 @@ void WriteRow(const Incident& incident, const Labels& labels, std::ostream* out)
     keys.push_back(key);
     values.push_back(value);
   }
-  WriteLine({{"written_ms", incident.written_ms.value_or(0)},
-             {"armed_seconds", incident.ArmedSeconds().value_or(0)},
-             {"file", incident.file},
-             {"program", incident.program.value_or("")},
-             {"watch", incident.watch.value_or("")},
-             {"fingerprint", incident.fingerprint.value_or("")},
-             {"signature", incident.signature},
-             {"signature_id", incident.signature_id},
-             {"reason_kind", incident.reason.kind},
-             {"reason_text", incident.reason.text},
-             {"watched_user", LabelsOf(watched.user)},
-             {"watched_kernel", FunctionsOf(watched.kernel)},
-             {"threads", incident.threads.size()},
-             {"threads_failed", failed},
-             {"problems", incident.problem_count},
-             {"label_keys", std::move(keys)},
-             {"label_values", std::move(values)}},
-            out);
+  *out << TextOf({{"written_ms", incident.written_ms.value_or(0)},
+                  {"armed_seconds", incident.ArmedSeconds().value_or(0)},
+                  {"file", incident.file},
+                  {"program", incident.program.value_or("")},
+                  {"watch", incident.watch.value_or("")},
+                  {"fingerprint", incident.fingerprint.value_or("")},
+                  {"signature", incident.signature},
+                  {"signature_id", incident.signature_id},
+                  {"reason_kind", incident.reason.kind},
+                  {"reason_text", incident.reason.text},
+                  {"watched_user", LabelsOf(watched.user)},
+                  {"watched_kernel", FunctionsOf(watched.kernel)},
+                  {"threads", incident.threads.size()},
+                  {"threads_failed", failed},
+                  {"problems", incident.problem_count},
+                  {"label_keys", std::move(keys)},
+                  {"label_values", std::move(values)}})
+       << '\n';
 }
 
 }  // namespace report

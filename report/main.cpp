@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "folded_output.h"
+#include "html_log.h"
 #include "html_output.h"
 #include "incident_text.h"
 #include "input_files.h"
@@ -123,8 +124,9 @@ class Program {
       case Format::kFolded:
         return folded_.Add(incident);
       case Format::kHtml:
+        logs_.push_back(PackLog(incident.raw));
+        incident.raw = std::string();
         incidents_.push_back(incident);
-        incident.raw.clear();
         return ranking_.Add(std::move(incident));
       case Format::kText:
         break;
@@ -146,7 +148,8 @@ class Program {
 
   void WritePage() {
     std::string error;
-    if (!WriteHtml(options_.html_file, incidents_, ranking_.Finish(), &error)) Complain(error);
+    if (!WriteHtml(options_.html_file, incidents_, logs_, ranking_.Finish(), &error))
+      Complain(error);
   }
 
   const Options& options_;
@@ -161,6 +164,7 @@ class Program {
   FoldedStacks folded_;
   RankingBuilder ranking_;
   std::vector<Incident> incidents_;
+  std::vector<std::string> logs_;  // packed, of incidents_
 };
 
 }  // namespace
