@@ -39,6 +39,13 @@ bool LeavesDirectory(const fs::path& path) {
   return false;
 }
 
+// How many parts two paths have in common, from their ends.
+std::ptrdiff_t CommonTail(const fs::path& a, const fs::path& b) {
+  const std::vector<fs::path> parts_a(a.begin(), a.end()), parts_b(b.begin(), b.end());
+  return std::mismatch(parts_a.rbegin(), parts_a.rend(), parts_b.rbegin(), parts_b.rend()).first -
+         parts_a.rbegin();
+}
+
 // One unstripped file.
 class Module {
  public:
@@ -233,8 +240,21 @@ class Symbols::Impl {
       if (IsFile(fs::path(directory) / name)) return fs::path(directory) / name;
     }
     if (!indexed_) IndexFiles();
-    const auto found = path_by_name_.find(name);
-    return found == path_by_name_.end() ? fs::path() : found->second;
+    return MostAlike(paths_by_name_[name], whole);
+  }
+
+  // The path with the most directories like the map's, as "lib64"; the first by name of several,
+  // and an empty one of none.
+  static fs::path MostAlike(const std::vector<fs::path>& paths, const fs::path& map) {
+    fs::path best;
+    std::ptrdiff_t most = 0;
+    for (const fs::path& path : paths) {
+      const std::ptrdiff_t alike = CommonTail(path, map);
+      if (alike < most || (alike == most && path > best)) continue;
+      most = alike;
+      best = path;
+    }
+    return best;
   }
 
   void IndexFiles() {
@@ -244,8 +264,9 @@ class Symbols::Impl {
       fs::recursive_directory_iterator entry(directory,
                                              fs::directory_options::skip_permission_denied, error);
       for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-        if (IsFile(entry->path()))
-          path_by_name_.try_emplace(entry->path().filename(), entry->path());
+        if (IsFile(entry->path())) {
+          paths_by_name_[entry->path().filename()].push_back(entry->path());
+        }
       }
     }
   }
@@ -253,7 +274,7 @@ class Symbols::Impl {
   std::vector<std::string> directories_;
   std::unordered_map<std::string, std::unique_ptr<Module>> modules_;  // by their maps
   bool indexed_ = false;
-  std::unordered_map<std::string, fs::path> path_by_name_;
+  std::unordered_map<std::string, std::vector<fs::path>> paths_by_name_;
 };
 
 Symbols::Symbols(std::vector<std::string> directories)

@@ -142,7 +142,7 @@ TEST(SignatureOfRealHangTest, InlinedCallsAreLostDespiteSymbols) {
     hangs.push_back(std::make_unique<Hang>(std::vector<std::string>{build, "inlined"}));
   }
   for (size_t i = 0; i < hangs.size(); ++i) {
-    Symbols symbols({fs::path(Builds()[i]).parent_path() / "unstripped"});
+    Symbols symbols({fs::path(Builds()[i]).parent_path().parent_path() / "unstripped"});
     LogReader reader(&symbols);
     const Incident incident = ReadLog(&reader, hangs[i]->Log());
     EXPECT_EQ("same_hang: book: mutex: Settle < Close < main::{lambda}::{lambda}",
