@@ -11,6 +11,7 @@
 #include "log/incident_header.h"
 #include "log/log_file.h"
 #include "log/quorvel_log.h"
+#include "support/child.h"
 #include "support/fakes.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
@@ -123,6 +124,18 @@ TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
   const std::string event = Event("", "app," + path_);  // the file that was opened last
   EXPECT_EQ(Journal(), event + event);
   EXPECT_EQ(ReadFile(path_), text);
+}
+
+TEST_F(Incident, HasItsFileAlsoWhereThatIsDescriptorZero) {
+  const auto in_child = [this] {
+    close(STDIN_FILENO);
+    callback_ = [] { EXPECT_EQ(QuorvelGetLogFd(), STDIN_FILENO); };
+    Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
+    EXPECT_THAT(ReadFile(path_), HasSubstr("\n>>> app <<<\n"));
+    EXPECT_THAT(ReadFile(path_), HasSubstr("\n\ntid = "));
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+  };
+  EXPECT_EQ(StatusInChild(in_child), 0);
 }
 
 TEST_F(Incident, AsksForTheSystemsTraceOnlyUnderItsFlag) {

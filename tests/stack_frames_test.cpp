@@ -420,14 +420,32 @@ TEST_F(StackFramesOfRegisters, OfAnImageWithinAnotherFileHaveItsOffsetAndNames) 
   EXPECT_EQ(Name(frames_, 0), "plugin_call_a");
 }
 
+TEST_F(StackFramesOfRegisters, HaveAFunctionsNameUpToItsLastByte) {
+  void* const library = dlopen(UNWIND_PLUGIN_A, RTLD_NOW);
+  void* const function = dlsym(library, "plugin_call_a");
+  Dl_info info;
+  void* symbol = nullptr;
+  ASSERT_NE(dladdr1(function, &info, &symbol, RTLD_DL_SYMENT), 0);
+  const uint64_t end = AddressOf(function) + static_cast<const ElfW(Sym)*>(symbol)->st_size;
+  UnwindFrom(end - 1, sp_, 0);
+  EXPECT_EQ(Name(frames_, 0), "plugin_call_a");
+  UnwindFrom(end, sp_, 0);
+  EXPECT_NE(Name(frames_, 0), "plugin_call_a");
+  dlclose(library);
+}
+
 TEST_F(StackFramesOfRegisters, OfAFileThatIsNoImageCountFromItsStart) {
   UnwindFrom(MapSecondPage(std::string(2 * page_, '\0')) + 16, sp_, 0);
   EXPECT_EQ(frames_[0].rel_pc, page_ + 16);
 }
 
-// Which gives the list of mappings only as text.
+// Which gives the list of mappings only as text, here one of some 400 KiB.
 TEST_F(StackFramesOfRegisters, OnAnOlderKernelKnowWhereNothingIsMapped) {
   SKIP_UNDER_EMULATION("it has no filters");
+  constexpr size_t kMappings = 8000;
+  char* const many = static_cast<char*>(
+      mmap(nullptr, kMappings * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  for (size_t i = 0; i < kMappings; i += 2) mprotect(many + i * page_, page_, PROT_READ);
   ParkedThread([this](const auto&) {
     ASSERT_TRUE(RefuseNewCalls());
     UnwindFrom(0x1230, sp_, 0);
@@ -435,6 +453,7 @@ TEST_F(StackFramesOfRegisters, OnAnOlderKernelKnowWhereNothingIsMapped) {
     UnwindFrom(in_code_, sp_, 0);
     EXPECT_EQ(Name(frames_, 0), "unwind_test_leaf");
   }).Stop();
+  munmap(many, kMappings * page_);
 }
 
 TEST_F(StackFramesOfRegisters, EndWhereTheStackCannotBeRead) {
