@@ -125,27 +125,6 @@ TEST_F(AndroidLog, AMessageOfManyLinesIsOneWrite) {
   EXPECT_EQ(std::count(packet, packet + size, '\n'), 60);
 }
 
-TEST_F(AndroidLog, ANullTextOrTagEndsNothing) {
-  UsePipe();
-  const char* const volatile nothing = nullptr;
-  __android_log_print(ANDROID_LOG_ERROR, nothing, "%s", nothing);
-  EXPECT_THAT(ReadAll(), testing::EndsWith(" E         : (null)\n"));
-}
-
-TEST_F(AndroidLog, LinesOfSeveralThreadsDoNotMix) {
-  UsePipe();
-  std::thread threads[4];
-  for (std::thread& thread : threads) {
-    thread = std::thread([] {
-      for (int i = 0; i < 40; ++i) Log("abcdefghijklmnopqrstuvwxyz\nABCDEFGHIJKLMNOPQRSTUVWXYZ");
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const std::string line = "[^\n]* E TEST    : ";
-  EXPECT_THAT(ReadAll(), MatchesRegex("(" + line + "abcdefghijklmnopqrstuvwxyz\n" + line +
-                                      "ABCDEFGHIJKLMNOPQRSTUVWXYZ\n){160}"));
-}
-
 // A reader that does not read, and how it comes to that.
 struct Silence {
   const char* name;

@@ -161,15 +161,6 @@ TEST_F(Core, A129thWatchIsRefused) {
   EXPECT_EQ(Armed(), 128u);
 }
 
-TEST_F(Core, NodesAreReusedInTheOrderInWhichTheyWereFreed) {
-  std::vector<uint32_t> ids;
-  for (int i = 0; i < 128; ++i) ids.push_back(Start(i == 7 ? 1 : 60));
-  quorvel_end(ids[5]);
-  quorvel_end(ids[3]);
-  EXPECT_EQ(TicksUntilOneFires(), 2);  // node 7
-  for (const uint32_t node : {5u, 3u, 7u}) EXPECT_EQ(IndexOf(Start(60)), node);
-}
-
 TEST_F(Core, TheRecordIsOfTheStartCallAndItsThread) {
   fakes.time = [] { return kNow; };
   int tid = 0;
@@ -289,10 +280,6 @@ class CoreSleep : public Core {
     return chunks;
   }
 };
-
-TEST_F(CoreSleep, ZeroSecondsSleepNotAtAll) {
-  EXPECT_EQ(Sleep(0, {{5, 7}, {5, 7}}), Chunks());
-}
 
 TEST_F(CoreSleep, ChunksAreShorterThanTenSecondsAndTheLastTenthIsLeftOut) {
   EXPECT_EQ(Sleep(25, {{5, 0}, {5, 0}, {10, 1000}, {19, 999999000}, {29, 900000001}}),

@@ -147,14 +147,6 @@ TEST_F(LogFile, ALockThatGoesIsWaitedForNoLonger) {
   }
 }
 
-TEST_F(LogFile, ATakenNameIsDrawnAnew) {
-  test_root::WriteFile(Path(name_), "of another process");
-  in_pause_ = [this] { now_.tv_usec += 5000; };
-  EXPECT_EQ(Begin(), "quorvel@1763315480012.log");
-  EXPECT_THAT(pauses_, ElementsAre(5000));
-  EXPECT_EQ(test_root::ReadFile(Path(name_)), "of another process");
-}
-
 TEST_F(LogFile, FourTakenNamesEndTheSearchWithoutAWordAndTheLastPathStays) {
   Begin();
   const std::string last = QuorvelLastLogPath();

@@ -244,14 +244,6 @@ TEST_F(FaultyCall, OnAStackIsReportedForIt) {
   ExpectWhileFailing("tgkill", "*", {no_signal, no_unwind + "\n"});
 }
 
-TEST_F(FaultyCall, ThatNobodyExaminesIsMadeAllTheSame) {
-  for (const char* call : {"fchmod", "fsync"}) ExpectWhileFailing(call, "*.log", {});
-  for (const char* call : {"readdir", "prctl", "process_vm_readv", "close"}) {
-    ExpectWhileFailing(call, "*", {});
-  }
-  for (const char* call : {"open", "write"}) ExpectWhileFailing(call, "*/trace_marker", {});
-}
-
 TEST_F(FaultyCall, WhileAPropertyIsSetLeavesItAsItWas) {
   const std::string name = "a.name";
   for (const char* call : {"open", "write", "fsync", "rename"}) {

@@ -1,21 +1,17 @@
-// The library in the company of threads older than it, forks, and watches in the hands of many
-// threads.
+// The library in the company of threads older than it, and watches in the hands of many threads.
 
 #include <android/log.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvel/quorvel.h>
 #include <sched.h>
 #include <string.h>
-#include <sys/wait.h>
 
 #include <random>
 #include <set>
 #include <thread>
 
 #include "core/watch_registry.h"
-#include "log/quorvel_log.h"
 #include "stress/storm.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"
@@ -61,46 +57,6 @@ TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
   EXPECT_NE(section.find("AwaitEnd"), std::string::npos) << section;
   g_running = false;
   thread.join();
-}
-
-// In the child. Its exit status: 0, or the number of the promise that was not kept.
-int UseInChild(int parents_log, const std::atomic<int>& parents_watch) {
-  alarm(30);
-  if (fcntl(parents_log, F_GETFD) != -1) return 1;
-  QuorvelPrintLine("a line of the child\n");
-  if (__quorvel_start_ex("child", 1, nullptr, nullptr, 0) != QUORVEL_INVALID_ID) return 2;
-  quorvel_init();
-  __quorvel_start_ex("child", 1, nullptr, nullptr, kStacks);
-  while (QuorvelGetLogFd() == -1) usleep(1000);
-  while (QuorvelGetLogFd() != -1) usleep(1000);
-  return parents_watch == 0 ? 0 : 3;
-}
-
-TEST(Fork, ChildHasNoPartInTheParentsIncidentAndMayBeginItsOwn) {
-  SKIP_UNDER_EMULATION("a forked child cannot start threads");
-  if (kThreadSanitizer) GTEST_SKIP() << "the thread sanitizer has no threads in a child";
-  alarm(60);
-  test_root::MakeEmptyDir(test_root::kLogDir);
-  std::atomic<int> first{0}, second{0};
-  g_running = true;
-  quorvel_init();
-  __quorvel_start_ex("parent", 1, AwaitEnd, &first, QUORVEL_FLAG_LOG);
-  __quorvel_start_ex("parent", 2, AwaitEnd, &second, 0);  // in a child that kept it the next
-  while (first == 0) usleep(2000);
-  const int log = QuorvelGetLogFd();
-  const pid_t child = fork();
-  if (child == 0) _exit(UseInChild(log, second));
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0) << "exit status " << WEXITSTATUS(status);
-  EXPECT_EQ(second, 0) << "fired while another response is running";
-  g_running = false;
-  while (second == 0) usleep(2000);
-  const std::vector<std::string> logs = Logs();
-  ASSERT_EQ(logs.size(), 2u);
-  EXPECT_NE(logs[0].find("timeout function: parent\n"), std::string::npos) << logs[0];
-  EXPECT_EQ(logs[0].find("child"), std::string::npos) << logs[0];
-  EXPECT_NE(logs[1].find("timeout function: child\n"), std::string::npos) << logs[1];
 }
 
 // The registry's storm: 16 threads start, move and end watches, each other's too, while the real
