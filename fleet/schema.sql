@@ -22,6 +22,8 @@ CREATE DATABASE IF NOT EXISTS intake;
 -- DEFAULT is not computed for a key that a JSON line omits, MATERIALIZED is.
 -- old_parts_lifetime: what retention dropped must not come back at a restart.
 -- vertical_merge_...: merge column by column, small parts too, which takes less memory.
+-- number_of_free_entries_...: with the pool of four merges in fleet/server/users.xml, the server's own
+-- 8 would never allow the largest merges.
 CREATE TABLE IF NOT EXISTS shard.incidents
 (
     written_ms UInt64,
@@ -50,7 +52,8 @@ CREATE TABLE IF NOT EXISTS shard.incidents
 ENGINE = ReplacingMergeTree
 PARTITION BY toMonday(day)
 ORDER BY (day, program, device, written_ms)
-SETTINGS old_parts_lifetime = 30, vertical_merge_algorithm_min_rows_to_activate = 1;
+SETTINGS old_parts_lifetime = 30, vertical_merge_algorithm_min_rows_to_activate = 1,
+    number_of_free_entries_in_pool_to_lower_max_size_of_merge = 2;
 
 -- A sum would double when a batch is loaded again; the set of the incidents' hashes does not. 64 bits:
 -- a hash shared within one signature, build and day is out of practical reach.

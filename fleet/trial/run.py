@@ -30,7 +30,7 @@ AWAIT_SECONDS = 60
 LONGEST_ANSWER = 12
 
 Size = collections.namedtuple("Size", "incidents logs small_batch")
-FULL = Size(1_000_000, 3_000, 4_000)
+FULL = Size(1_000_000, 9_000, 4_000)
 SHORT = Size(20_000, 1_500, 150)
 # Of the rows: loaded while the loader is killed, and while a shard is.
 KILLED_SHARE = 0.05

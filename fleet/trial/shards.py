@@ -17,6 +17,8 @@ SERVER = shutil.which("clickhouse-server", path=f"{os.environ.get('PATH', '')}:/
 START_SECONDS = 30
 MARK_CACHE_BYTES = 64 << 20
 PORT_ATTEMPTS = 3
+# Of the server's allocator: freed memory returns to the system sooner, for some of the inserts' time.
+ALLOCATOR = "narenas:2,dirty_decay_ms:500"
 
 CONFIG = """<yandex>
   <logger><level>warning</level><log>{home}/server.log</log>
@@ -97,7 +99,7 @@ class Shard:
 
     def start(self):
         """Returns once the server answers; raises RuntimeError, with the reason, if it does not."""
-        environment = dict(os.environ)
+        environment = dict(os.environ, MALLOC_CONF=ALLOCATOR)
         for role, password in PASSWORDS.items():
             environment[f"FLEET_{role.upper()}_PASSWORD"] = password
             environment[f"FLEET_{role.upper()}_SHA256"] = hashlib.sha256(
