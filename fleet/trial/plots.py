@@ -43,8 +43,8 @@ def _draw_top(pyplot, daily, names, path):
     lines = [(rows[-1]["incidents"], axes.plot(
         _days(rows), _smooth([row["incidents"] for row in rows]), label=names[signature],
         linewidth=1.5)[0]) for signature, rows in daily.items()]
-    axes.set_title("The most frequent hangs", fontsize="medium")
-    axes.set_ylabel(f"incidents a day,\nmean of {MEAN_DAYS} days")
+    axes.set_title(f"The most frequent hangs, mean of {MEAN_DAYS} days", fontsize="medium")
+    axes.set_ylabel("incidents a day")
     axes.legend(handles=[line for _, line in sorted(lines, key=lambda one: -one[0])],
                 fontsize="small", frameon=False, loc="center left", bbox_to_anchor=(1, 0.5))
     _save(figure, axes, path)
@@ -58,8 +58,8 @@ def _draw_fix(pyplot, rows, name, path):
     axes.axvline(appears, color="black", linestyle="--", linewidth=1)
     axes.annotate("  the build with the fix appears", fontsize="small",
                   xycoords=("data", "axes fraction"), xy=(appears, 0.93))
-    axes.set_title(f"{name}: a fix takes effect", fontsize="medium")
-    axes.set_ylabel(f"incidents a day for a\nthousand active devices,\nmean of {MEAN_DAYS} days")
+    axes.set_title(f"{name}: a fix takes effect, mean of {MEAN_DAYS} days", fontsize="medium")
+    axes.set_ylabel("incidents a day for a\nthousand active devices")
     _save(figure, axes, path)
 
 
