@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "support/child.h"
+#include "support/fakes.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"
 
@@ -45,8 +46,18 @@ bool PipeSignalIsPending() {
   return sigismember(&pending, SIGPIPE) == 1;
 }
 
+// Each test begins long after the waits of those before it, which count against its own.
 class AndroidLog : public testing::Test {
  protected:
+  AndroidLog() {
+    static time_t later = 0;
+    later += 1000;
+    fakes.clock_gettime = [](clockid_t clock, timespec* now) {
+      const long result = syscall(SYS_clock_gettime, clock, now);
+      if (clock == CLOCK_MONOTONIC) now->tv_sec += later;
+      return static_cast<int>(result);
+    };
+  }
   ~AndroidLog() override {
     dup2(own_stderr_, STDERR_FILENO);
     for (const int fd : {own_stderr_, reader_, writer_}) close(fd);
@@ -83,6 +94,7 @@ class AndroidLog : public testing::Test {
     return StatusInChild([&] { EXPECT_TRUE((!old_kernel || RefuseNewCalls()) && body()); }) == 0;
   }
 
+  ScopedFakes restore_;
   const int own_stderr_ = dup(STDERR_FILENO);
   int reader_ = -1, writer_ = -1;
 };

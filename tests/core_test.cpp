@@ -251,6 +251,7 @@ TEST_F(Core, AProgramWhosePathBeginsWithVendorHasTheVendorsProperties) {
                                                 {"/vendorx/bin/a", true},  {"/vendo", false},
                                                 {"/system/vendor", false}, {"", false}};
   fakes.getprogname = [] { return "a"; };
+  test_root::MakeEmptyDir("/dev/__properties__/");
   test_root::SetProperty("odm.quorvel.rec.97", "-1,5");
   test_root::SetProperty("quorvel.s.rec.97", "-2,5");
   for (const auto& [path, is_vendor] : paths) {

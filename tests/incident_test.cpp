@@ -38,8 +38,7 @@ struct ScopedZone {
   const std::string old_ = getenv("TZ") != nullptr ? getenv("TZ") : ":/etc/localtime";
 };
 
-// Each test begins a rate-limit period of its own, so none adds to this process's count. The event
-// and the trace are switched on.
+// Each test has a rate limit of its own. The event and the trace are switched on.
 class Incident : public testing::Test {
  protected:
   Incident() {
@@ -49,8 +48,8 @@ class Incident : public testing::Test {
     SetProperty("dravik.event.12.config", "1");
     SetProperty("debug.atrace.tags.enableflags", "0x800");
     test_root::WriteFile(trace_, "");
-    now_ += 1000;
-    fakes.time = [] { return now_; };
+    QuorvelResetResponseInChild();
+    fakes.time = [this] { return now_; };
     fakes.gettimeofday = [] { return timeval{kNow, 7250}; };
     fakes.getprogname = [this] { return program_; };
   }
@@ -73,12 +72,12 @@ class Incident : public testing::Test {
     return lines.size() == 1 ? lines[0] : "";
   }
   static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
-  static std::string Event(const std::string& command, const std::string& message) {
+  std::string Event(const std::string& command, const std::string& message) const {
     return "{\"id\":12,\"pid\":" + std::to_string(getpid()) + ",\"time\":" + std::to_string(now_) +
            ",\"command\":\"" + command + "\",\"message\":\"" + message + "\"}\n";
   }
 
-  static inline time_t now_ = kNow;
+  time_t now_ = kNow;
   const std::string path_ =
       test_root::Path(std::string(test_root::kLogDir) + "quorvel@1763315480007.log");
   const std::string trace_ = test_root::Path("/sys/kernel/tracing/trace_marker");
@@ -226,27 +225,24 @@ TEST_F(Incident, WithoutAProgramsNameHasItsPathAndNoEvent) {
   EXPECT_EQ(Journal(), "");
 }
 
-// In a process of its own, as it uses the count up.
 TEST_F(Incident, IsDroppedOnceTheRateLimitsCountIsSpentWhichNoPeriodRestores) {
-  const auto run = [&] {
-    bool called = false;
-    callback_ = [&] { called = true; };
-    const auto respond = [&](uint32_t flags) {
-      called = false;
-      Respond(flags);
-      const std::string last = log_.Lines().back();
-      const bool dropped = last == "E/QUORVEL: Too many callback triggerd in a short time! \n";
-      const bool whole = called && last == "E/QUORVEL: not set recovery flag of quorvel";
-      fputs(dropped && !called ? "-" : whole ? "+" : "?", stderr);
-    };
-    for (const uint32_t flags : {1u, 2u, 3u, 0u, 8u, 1u, 1u, 2u, 1u}) respond(flags);
-    for (const time_t seconds : {60, 1, 60, 1, 60}) {
-      now_ += seconds;
-      respond(QUORVEL_FLAG_LOG);
-    }
-    _exit(0);
+  bool called = false;
+  callback_ = [&] { called = true; };
+  std::string outcomes;
+  const auto respond = [&](uint32_t flags) {
+    called = false;
+    Respond(flags);
+    const std::string last = log_.Lines().back();
+    const bool dropped = last == "E/QUORVEL: Too many callback triggerd in a short time! \n";
+    const bool whole = called && last == "E/QUORVEL: not set recovery flag of quorvel";
+    outcomes += dropped && !called ? '-' : whole ? '+' : '?';
   };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(0), testing::Eq("++++++++--+-+-"));
+  for (const uint32_t flags : {1u, 2u, 3u, 0u, 8u, 1u, 1u, 2u, 1u}) respond(flags);
+  for (const time_t seconds : {60, 1, 60, 1, 60}) {
+    now_ += seconds;
+    respond(QUORVEL_FLAG_LOG);
+  }
+  EXPECT_EQ(outcomes, "++++++++--+-+-");
 }
 
 }  // namespace

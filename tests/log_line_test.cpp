@@ -103,10 +103,4 @@ TEST_F(LogLine, StaysInTheAndroidLogWithoutTheFlagOrAFile) {
   EXPECT_EQ(log_.Lines("W/QUORVEL: "), Texts({"without the flag", "without a file"}));
 }
 
-TEST_F(LogLine, OfTheLastIncidentIsNowhereInTheBufferOfTheNext) {
-  Fill(4095);
-  QuorvelBeginLog(0);
-  EXPECT_EQ(std::string(QuorvelLogText(), kLogBufferSize), std::string(kLogBufferSize, '\0'));
-}
-
 }  // namespace

@@ -281,6 +281,7 @@ class ProcessForkedIncident : public Process {
       test_root::MakeEmptyDir(dir);
     }
     test_root::SetProperty("dravik.event.12.config", "1");
+    QuorvelResetResponseInChild();  // other tests may have spent the rate limit
     InitWithoutMonitor();
   }
   static void Respond(Function callback, uint32_t flags) {
