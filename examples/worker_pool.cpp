@@ -81,7 +81,7 @@ int main() {
       pool.Add({"thumbnail", 1s, [] { std::this_thread::sleep_for(1ms); }});
     }
     pool.Add({"index", 10s, [] { std::this_thread::sleep_for(200ms); }});
-    pool.Add({"upload", 1s, [] { std::this_thread::sleep_for(2500ms); }});
+    pool.Add({"upload", 1s, [] { std::this_thread::sleep_for(4s); }});
   }
   quorvel::PrintDurations(stdout);
 }
