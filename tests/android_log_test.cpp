@@ -13,11 +13,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "../platform/host/src/fork_child.h"
 #include "support/child.h"
 #include "support/fakes.h"
 #include "support/surroundings.h"
@@ -46,10 +48,12 @@ bool PipeSignalIsPending() {
   return sigismember(&pending, SIGPIPE) == 1;
 }
 
-// Each test begins long after the waits of those before it, which count against its own.
+// Each test begins without the discarded lines of those before it and long after their waits, which
+// count against its own.
 class AndroidLog : public testing::Test {
  protected:
   AndroidLog() {
+    ForgetDiscardedLinesInChild();
     static time_t later = 0;
     later += 1000;
     fakes.clock_gettime = [](clockid_t clock, timespec* now) {
@@ -68,6 +72,12 @@ class AndroidLog : public testing::Test {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     Use(ends[0], ends[1]);
+  }
+  void UseFullPipe() {
+    UsePipe();
+    const int room = fcntl(reader_, F_SETPIPE_SZ, 4096);
+    const std::string filling(static_cast<size_t>(room), 'x');
+    ASSERT_EQ(write(writer_, filling.data(), filling.size()), room);
   }
   void UseTerminal() {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
@@ -204,11 +214,15 @@ TEST_F(AndroidLog, AHostThatFillsThePipeMeanwhileBlocksNoMessage) {
   }));
 }
 
+TEST_F(AndroidLog, OneMessageWaitsForAReaderOnlyATenthOfASecond) {
+  UseFullPipe();
+  const auto begin = std::chrono::steady_clock::now();
+  Log("for nobody");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(700));
+}
+
 TEST_F(AndroidLog, ASignalDoesNotEndTheWaitForAReader) {
-  UsePipe();
-  const int room = fcntl(reader_, F_SETPIPE_SZ, 4096);
-  const std::string filling(static_cast<size_t>(room), 'x');
-  ASSERT_EQ(write(writer_, filling.data(), filling.size()), room);
+  UseFullPipe();
   static int full_pipe;
   full_pipe = reader_;
   EXPECT_TRUE(InChild(false, [this] {
