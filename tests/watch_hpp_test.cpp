@@ -381,8 +381,10 @@ class WatchHppRace : public WatchHpp {
   std::atomic<int> calls_{0}, calls_before_the_end_{0};
 };
 
+// Gives up early enough that some watches are called after it, and some before.
 void AwaitCall(const Watch& watch) {
-  for (int i = 0; i < 8 && !watch.fired(); ++i) std::this_thread::yield();
+  constexpr int kYields = 30;
+  for (int i = 0; i < kYields && !watch.fired(); ++i) std::this_thread::yield();
 }
 
 TEST_F(WatchHppRace, EndsAroundTheCall) {
@@ -405,8 +407,16 @@ TEST_F(WatchHppRace, Moves) {
   Race([](Watch watch) {
     for (int i = 0; i < 20; ++i) {
       Watch other(std::move(watch));
+      AwaitCall(other);
       watch = std::move(other);
     }
+  });
+}
+
+TEST_F(WatchHppRace, ForksAroundTheCall) {
+  Race([](Watch watch) {
+    AwaitCall(watch);
+    EXPECT_EQ(StatusInChild([&] { EXPECT_EQ(watch.End(), State::kNone); }), 0);
   });
 }
 
