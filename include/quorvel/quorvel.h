@@ -134,9 +134,10 @@ QUORVEL_EXPORT void quorvel_init(void);
  * Arms a watch for the calling thread.
  *
  *   name      what is being watched, for the incident's header; may be NULL. Only the pointer is
- *             kept: the text must stay alive and unchanged until the watch has been ended or its
- *             response is over. A string literal is the usual choice. A name that makes its header
- *             line longer than 1023 characters is left out of the header.
+ *             kept: the text must stay alive and unchanged until the watch has been ended in time
+ *             or, once it has expired, until its response is over, which may be long after its
+ *             end when other responses come first. So use a string literal. A name that makes its
+ *             header line longer than 1023 characters is left out of the header.
  *   timeout   seconds, 1 to 60. The watch fires between timeout and timeout + 1 seconds from now
  *             (later while the monitor is busy with another response).
  *   callback  called when the watch expires; may be NULL.

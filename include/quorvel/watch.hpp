@@ -17,7 +17,8 @@
 //     lambda may capture `this` of an object that has the watch as its last member. Hold no lock
 //     around End that the callable locks.
 //   - Called from the callable itself, End does not wait. The callable may destroy its watch, or
-//     assign another to it; it is destroyed itself after it has returned.
+//     assign another to it; it is destroyed itself after it has returned. Nobody waits for that any
+//     more: what it still uses must be kept alive by other means.
 //   - It is destroyed by the End, on the thread that calls it.
 //   - When the rate limit drops the incident nobody ever calls it: End finds that out and destroys
 //     it. Nothing leaks.
@@ -26,7 +27,8 @@
 //   - A watch may be moved at any time, also while its callable runs.
 //   - In the child of a fork a copied watch belongs to a process that is gone: End has no effect on
 //     the library there, never waits, and destroys the child's copy of the callable, unless it was
-//     running in the parent at the fork.
+//     running in the parent at the fork. A watch without a callable, ended after the child's own
+//     quorvel_init, is logged there as released already.
 //     This does not hold in a fork handler that was registered before the first watch with a
 //     callable was made: end no watch there.
 //
@@ -34,7 +36,8 @@
 // lock of this header held. It must not throw: that ends the process.
 //
 // Threads: a Watch belongs to one thread at a time, which may be the monitor's while the callable
-// runs. fired and state alone may be called by several threads at once.
+// runs: from when the owner has constructed or assigned it until the owner uses it again. fired and
+// state alone may be called by several threads at once.
 //
 // Costs: a watch without a callable is the two calls of C. With one, its end makes one call more,
 // and a callable of up to 48 bytes is kept without an allocation; a larger one takes one. At most
