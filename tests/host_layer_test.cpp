@@ -138,9 +138,8 @@ TEST_F(HostLayer, OnlyPathsUnderTheRootLoseIt) {
 // Runs itself.
 TEST_F(HostLayer, ARootThatNoTestMadeIsNotUsed) {
   test_root::MakeEmptyDir("/of_the_user");
-  const std::string command = "QUORVEL_HOST_ROOT=" + Path("/of_the_user") + " /proc/" +
-                              std::to_string(getpid()) +
-                              "/exe --gtest_filter=*.AReadOnly*:LogFile.AVendor* >&2";
+  const std::string command = "QUORVEL_HOST_ROOT=" + Path("/of_the_user") + " " +
+                              test_root::OwnCommand("*.AReadOnly*:LogFile.AVendor*") + " >&2";
   EXPECT_EQ(system(command.c_str()), 0);
   EXPECT_EQ(test_root::List("/of_the_user"), Texts{});
 }

@@ -5,6 +5,7 @@
 #include <setjmp.h>
 #include <sys/resource.h>
 
+#include "support/child.h"
 #include "support/fakes.h"
 #include "support/frames.h"
 #include "support/log_capture.h"
@@ -345,6 +346,23 @@ TEST_F(UnwindstackWrapperSilence, RestoresTheHostsActionAndSendsItNothingLate) {
   EXPECT_EQ(ActionOfSignal33(), hosts_);
   ActionOfSignal33(&before);
   UnblockAndUnwindAgain();
+}
+
+TEST_F(UnwindstackWrapperSilence, ForksNoHandlerIntoAChild) {
+  const KernelAction before = InstallHostsAction();
+  int status = -1;
+  ParkedThread forking([&](const auto&) {
+    while (ActionOfSignal33() == hosts_) usleep(1000);
+    status = StatusInChild([this] {
+      unwindstack_wrapper_reset_in_child();
+      EXPECT_EQ(ActionOfSignal33(), hosts_);
+    });
+  });
+  EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
+  forking.Stop();
+  EXPECT_EQ(status, 0);
+  ActionOfSignal33(&before);
+  ended_ = true;
 }
 
 }  // namespace

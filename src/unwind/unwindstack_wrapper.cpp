@@ -8,6 +8,7 @@
 #include <unwindstack/Memory.h>
 #include <unwindstack/RegsGetLocal.h>
 
+#include <atomic>
 #include <memory>
 
 #include "base/bounds_checked.h"
@@ -64,18 +65,27 @@ Entry* LockEntry(int pid, int tid) {
   return entry;
 }
 
+// The host's action, for a child that another thread forks while the handler is in its place. It is
+// read before the handler is installed, so that a fork in between finds it, too.
+struct sigaction g_hosts_action;
+std::atomic<bool> g_hosts_action_replaced{false};
+
 bool InstallHandler(struct sigaction* old_action) {
   struct sigaction action;
   memset_s(&action, sizeof(action), 0, sizeof(action));
   memset_s(old_action, sizeof(*old_action), 0, sizeof(*old_action));
+  g_hosts_action_replaced = sigaction(kUnwindSignal, nullptr, &g_hosts_action) == 0;
   action.sa_sigaction = unwindstack_wrapper_signal_handler;
   action.sa_flags = SA_RESTART | SA_ONSTACK | SA_SIGINFO;
   sigemptyset(&action.sa_mask);
-  return sigaction(kUnwindSignal, &action, old_action) == 0;
+  const bool installed = sigaction(kUnwindSignal, &action, old_action) == 0;
+  if (!installed) g_hosts_action_replaced = false;
+  return installed;
 }
 
 void RestoreAction(const struct sigaction& old_action) {
   sigaction(kUnwindSignal, &old_action, nullptr);
+  g_hosts_action_replaced = false;
 }
 
 // For a handler that never came: the signal may still be on its way, and under the default
@@ -85,6 +95,7 @@ void RestoreActionOrIgnore(const struct sigaction& old_action) {
     RestoreAction(old_action);
   } else {
     signal(kUnwindSignal, SIG_IGN);
+    g_hosts_action_replaced = false;
   }
 }
 
@@ -181,4 +192,5 @@ void unwindstack_wrapper_reset_in_child() {
   unwind_mutex.ResetInChild();
   Entry::list_mutex_ = PTHREAD_MUTEX_INITIALIZER;
   Entry::list_ = nullptr;
+  if (g_hosts_action_replaced.exchange(false)) sigaction(kUnwindSignal, &g_hosts_action, nullptr);
 }

@@ -73,7 +73,8 @@ class unwindstack_wrapper {
   bool is_32bit = false;  // chooses the width of the printed pc
 };
 
-// In the child of a fork: unlocks the unwinder's locks and forgets the parent's threads.
+// In the child of a fork: unlocks the unwinder's locks, forgets the parent's threads and restores
+// the host's action for the signal, which an exchange of the parent's may have replaced.
 void unwindstack_wrapper_reset_in_child();
 
 #endif  // QUORVEL_UNWIND_UNWINDSTACK_WRAPPER_H_
