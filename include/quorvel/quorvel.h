@@ -26,9 +26,9 @@
  *     child calls quorvel_init itself, which gives it a registry, a monitor and a rate limit of its
  *     own; ids of the parent mean nothing in it. An incident that was open at the fork stays the
  *     parent's. quorvel_init may also be called in a fork handler, even one registered before the
- *     library's own (the first quorvel_init registers that one). Not possible in such an early
- *     handler: a start, update or end before quorvel_init. The library does not know yet that it is
- *     in a child, and a mutex that another thread of the parent held would never be unlocked.
+ *     library's own (the first quorvel_init registers that one). In such an early handler call
+ *     quorvel_init before any start, update or end: until then the library does not know that it is
+ *     in a child, and the call could wait for ever for a mutex that a thread of the parent held.
  *     exec needs no care: all descriptors are close-on-exec.
  *   - dlclose: the library stays loaded once it has been loaded.
  *
@@ -59,9 +59,10 @@ extern "C" {
 /*
  * Start flags, to be or-ed together. Other bits have no effect.
  *
- * Rate limit: watches with LOG or BACKTRACE share one for the whole process. The first incident
- * opens a period of 60 seconds, five more may follow in such periods over the life of the process;
- * after that only one incident a period goes through. One that is dropped is announced in the
+ * Rate limit: watches with LOG or BACKTRACE share one for the whole process. An incident
+ * that comes more than 60 seconds after the last period began (the first always does) opens a new
+ * period and goes through. Within periods five more go through in the life of the process; all
+ * others are dropped. One that is dropped is announced in the
  * Android log and has nothing else: no file, no callback, no stacks, no hang event, no exit.
  *
  * BACKTRACE stops each thread for as long as its stack is read, by signal 33. What it interrupts,
@@ -85,8 +86,8 @@ extern "C" {
 /*
  * Kernel and user stacks of every thread, those of the watch's thread first. With LOG the file gets
  * all of them, and the Android log gets the user stacks and the kernel stack of the watch's thread,
- * which it cuts at 1023 characters. Without LOG the Android log gets that one kernel stack, and
- * there are no user stacks.
+ * which it cuts at 1023 characters. Without LOG, or where the file could not be opened, the Android
+ * log gets that one kernel stack, and there are no user stacks.
  */
 #define QUORVEL_FLAG_BACKTRACE UINT32_C(2)
 

@@ -25,7 +25,7 @@
 //   - It is called before the incident's stacks are written. One that makes the work go on hides
 //     what hung: use a second watch for that, which expires a second later.
 //   - A watch may be moved at any time, also while its callable runs.
-//   - In the child of a fork a copied watch belongs to a process that is gone: End has no effect on
+//   - In the child of a fork a watch that it inherited is the parent's: End has no effect on
 //     the library there, never waits, and destroys the child's copy of the callable, unless it was
 //     running in the parent at the fork. A watch without a callable, ended after the child's own
 //     quorvel_init, is logged there as released already.

@@ -16,10 +16,13 @@
 
 #include "base/mutex.h"
 
+// What clients rely on: 128 watches, and deadlines that wrap at 64 seconds. The C++ headers' table
+// has twice as many blocks as the pool has nodes, in programs that are built already.
 constexpr int32_t kPoolSize = 128;
 constexpr int32_t kWheelSlots = 64;
 constexpr uint32_t kIdIndexBits = 9;
 constexpr uint32_t kIdIndexMask = (1u << kIdIndexBits) - 1;
+static_assert(kPoolSize <= kIdIndexMask, "the highest index is that of QUORVEL_INVALID_ID");
 
 struct QuorvelLink {
   QuorvelLink* next;
