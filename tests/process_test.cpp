@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -376,6 +377,22 @@ TEST_F(ProcessForkedIncident, OtherThreadsOfSuchAChildLiveOn) {
   std::thread([&] { Respond(fork_with_thread, QUORVEL_FLAG_LOG); }).join();
   EXPECT_EQ(StatusOf(child), 5);
   EXPECT_EQ(Events(), 1);
+}
+
+TEST_F(ProcessForkedIncident, SuchAChildDoesNotLiveOnForItsOwnMonitorAlone) {
+  SKIP_WHERE_A_CHILD_HAS_NO_THREADS();
+  constexpr int kDeadline = 10000;  // milliseconds
+  fakes.pthread_create = nullptr;
+  pid_t child = 0;
+  const auto fork_and_init = [&] {
+    child = fork();
+    if (child == 0) quorvel_init();
+  };
+  std::thread([&] { Respond(fork_and_init, 0); }).join();
+  pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+  if (poll(&ended, 1, kDeadline) != 1) kill(child, SIGKILL);  // a monitor blocks the others
+  close(ended.fd);
+  EXPECT_EQ(StatusOf(child), 0);
 }
 
 }  // namespace

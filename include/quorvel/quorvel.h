@@ -115,7 +115,7 @@ extern "C" {
  * and programs that the callback starts, unless they reset their mask.
  *
  * fork: the child of a callback that forks is no monitor. When the callback returns in it, its
- * thread ends; where that is the child's only thread, the child ends with _exit(0).
+ * thread ends; where the child has no other, but for a monitor of its own, it ends with _exit(0).
  */
 typedef void (*QuorvelCallback)(void* arg);
 

@@ -17,6 +17,9 @@ constexpr uint32_t kQuietTicksBeforeWait = 3;
 
 std::atomic<bool> g_vendor{false};
 
+// The process whose monitor runs; 0 before that.
+std::atomic<pid_t> g_process{0};
+
 // A sleep that a signal ends with the whole second left is repeated, once.
 void SleepOneTick() {
   if (sleep(1) == 1) sleep(1);
@@ -56,7 +59,13 @@ bool QuorvelCreateMonitor() {
   pthread_t thread;
   const int error = pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr);
   SetSignalMask(&callers_mask, nullptr);
-  return error == 0;
+  if (error != 0) return false;
+  g_process.store(getpid(), std::memory_order_relaxed);
+  return true;
+}
+
+bool QuorvelHasMonitor() {
+  return g_process.load(std::memory_order_relaxed) == getpid();
 }
 
 void* QuorvelThreadHandle(void*) {
@@ -120,4 +129,5 @@ void QuorvelResetMonitorInChild() QUORVEL_NO_THREAD_SAFETY_ANALYSIS {
   g_wake_up.lock.ResetInChild();
   g_wake_up.condition.ResetInChild();
   g_wake_up.waiting = 0;
+  g_process.store(0, std::memory_order_relaxed);
 }

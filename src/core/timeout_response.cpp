@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "core/fork_child.h"
+#include "core/monitor_thread.h"
 #include "core/recovery_limit.h"
 #include "log/incident_close.h"
 #include "log/incident_header.h"
@@ -40,20 +41,22 @@ bool WithinRateLimit() {
   return g_period.count < kRateLimit;
 }
 
-// The task directory has two links and one more for each thread. Their number is right even where
-// /proc belongs to another pid namespace, and reading it allocates nothing. Without /proc the
-// answer is yes, which is right in nearly every child.
-bool IsOnlyThread() {
+// Whether no thread of the host's is left beside the calling one; a monitor of the child's own does
+// not count. The task directory has two links and one more for each thread. Their number is right
+// even where /proc belongs to another pid namespace, and reading it allocates nothing. Without
+// /proc the answer is yes, which is right in nearly every child.
+bool IsLastOfHost() {
   constexpr nlink_t kLinksOfOneThread = 3;
+  const nlink_t links = QuorvelHasMonitor() ? kLinksOfOneThread + 1 : kLinksOfOneThread;
   struct stat task = {};
-  return stat("/proc/self/task", &task) != 0 || task.st_nlink <= kLinksOfOneThread;
+  return stat("/proc/self/task", &task) != 0 || task.st_nlink <= links;
 }
 
 // For a child that the client's callback forked and in which it returned. The incident is the
 // parent's, and this thread would go on as a second monitor. _exit, because the exit handlers are
 // the host's and belong to the parent.
 [[noreturn]] void EndThreadOfForkedChild() {
-  if (IsOnlyThread()) _exit(0);
+  if (IsLastOfHost()) _exit(0);
   pthread_exit(nullptr);
 }
 
