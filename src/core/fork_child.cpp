@@ -17,6 +17,9 @@ std::atomic<pid_t> g_owner{0};
 // parent it stays set and means nothing.
 std::atomic<bool> g_child_needs_reset{false};
 
+// The process that created the monitor thread; 0 before that.
+std::atomic<pid_t> g_monitors_process{0};
+
 // How often the state has been reset for a new process.
 std::atomic<uint32_t> g_resets{0};
 
@@ -24,6 +27,7 @@ void ResetForThisProcess() {
   g_resets.fetch_add(1);
   g_owner.store(getpid());
   g_child_needs_reset.store(false);
+  g_monitors_process.store(0);
   g_reset.load()();
 }
 
@@ -43,6 +47,14 @@ void RegisterHandlers() {
 
 QuorvelProcess QuorvelCurrentProcess() {
   return {getpid(), g_resets.load()};
+}
+
+void QuorvelNoteMonitor() {
+  g_monitors_process.store(getpid());
+}
+
+bool QuorvelHasMonitor() {
+  return g_monitors_process.load() == getpid();
 }
 
 void QuorvelEnterProcess(void (*reset)()) {

@@ -30,6 +30,12 @@ struct QuorvelProcess {
 };
 QuorvelProcess QuorvelCurrentProcess();
 
+// Notes that the calling process has created its monitor thread.
+void QuorvelNoteMonitor();
+
+// Whether the calling process has a monitor thread: not that of a process it was forked from.
+bool QuorvelHasMonitor();
+
 // quorvel_init calls it first, with no lock held. The first call registers the fork handlers, so
 // that they are there before any lock that a fork could leave locked. A call in a new process whose
 // child handler has not run yet, or never will, resets it. Every call must pass the same reset.

@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "base/bounds_checked.h"
+#include "core/fork_child.h"
 
 QuorvelWakeUp g_wake_up;
 
@@ -16,9 +17,6 @@ namespace {
 constexpr uint32_t kQuietTicksBeforeWait = 3;
 
 std::atomic<bool> g_vendor{false};
-
-// The process whose monitor runs; 0 before that.
-std::atomic<pid_t> g_process{0};
 
 // A sleep that a signal ends with the whole second left is repeated, once.
 void SleepOneTick() {
@@ -59,13 +57,8 @@ bool QuorvelCreateMonitor() {
   pthread_t thread;
   const int error = pthread_create(&thread, nullptr, QuorvelThreadHandle, nullptr);
   SetSignalMask(&callers_mask, nullptr);
-  if (error != 0) return false;
-  g_process.store(getpid(), std::memory_order_relaxed);
-  return true;
-}
-
-bool QuorvelHasMonitor() {
-  return g_process.load(std::memory_order_relaxed) == getpid();
+  if (error == 0) QuorvelNoteMonitor();
+  return error == 0;
 }
 
 void* QuorvelThreadHandle(void*) {
@@ -129,5 +122,4 @@ void QuorvelResetMonitorInChild() QUORVEL_NO_THREAD_SAFETY_ANALYSIS {
   g_wake_up.lock.ResetInChild();
   g_wake_up.condition.ResetInChild();
   g_wake_up.waiting = 0;
-  g_process.store(0, std::memory_order_relaxed);
 }

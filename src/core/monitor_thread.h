@@ -45,9 +45,6 @@ struct QuorvelMonitor {
 // blocked but those that its own faults raise and those that the C library keeps for itself.
 bool QuorvelCreateMonitor();
 
-// Whether this process, and not the one that it was forked from, has created its monitor thread.
-bool QuorvelHasMonitor();
-
 // The thread's body. Never returns; ignores its argument.
 void* QuorvelThreadHandle(void* unused);
 

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "core/fork_child.h"
-#include "core/monitor_thread.h"
 #include "core/recovery_limit.h"
 #include "log/incident_close.h"
 #include "log/incident_header.h"
