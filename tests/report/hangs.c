@@ -106,11 +106,7 @@ static void hang_sleep(void) {
 }
 
 static void hang_signal(void) {
-  sigset_t set;
-  int signal;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  for (;;) sigwait(&set, &signal);
+  for (;;) pause();
 }
 
 /* A page that only the holder of a descriptor could give, who does not. */
