@@ -3,14 +3,17 @@
     call_test.py QUORVEL_REPORT
 """
 
+import functools
 import json
 import os
+import resource
 import subprocess
 import sys
 import tempfile
 import unittest
 
-PROGRAM = sys.argv.pop(1)
+PROGRAM = os.path.abspath(sys.argv.pop(1))
+FIRST = "quorvel@1795382028123.log"
 LOG = """Sun Nov 22 22:13:48 2026
 timeout tid: {tid}
 timeout function: {watch}
@@ -47,10 +50,15 @@ class CallTest(unittest.TestCase):
         with open(self.path(name), "w", encoding="utf-8") as file:
             file.write(text)
 
-    def run_it(self, *options, stdin="", status=0, **environment):
-        env = {"PATH": os.environ["PATH"], "COLUMNS": "80", **environment}
-        done = subprocess.run([PROGRAM, *options], input=stdin, text=True, capture_output=True,
-                              env=env, cwd=self.dir.name, check=False, timeout=60)
+    def read(self, name):
+        with open(self.path(name), encoding="utf-8") as file:
+            return file.read()
+
+    def run_it(self, *options, status=0, environment=None, **more):
+        env = {"PATH": os.environ["PATH"], "COLUMNS": "80", **(environment or {})}
+        call = {"input": "", "stdout": subprocess.PIPE, "restore_signals": False, **more}
+        done = subprocess.run([PROGRAM, *options], text=True, stderr=subprocess.PIPE, env=env,
+                              cwd=self.dir.name, check=False, timeout=60, **call)
         self.assertEqual(done.returncode, status, done.stderr)
         return done
 
@@ -68,18 +76,19 @@ class CallTest(unittest.TestCase):
 
     def test_one_bad_log_hides_the_others(self):
         self.write("quorvel@1.log", "no log\n")
-        done = self.run_it("--json", self.dir.name, self.path("gone"), status=1)
+        done = self.run_it("--json", ".", "gone", status=1)
         self.assertEqual(len(done.stdout.splitlines()), 2)
         self.assertIn("quorvel@1.log:1: ", done.stderr)
         self.assertIn("gone:0: cannot open: No such file", done.stderr)
 
     def test_logs_below_a_directory_are_read_unasked(self):
-        self.assertEqual(len(self.lines("--json", self.dir.name)), 2)
-        self.assertEqual(len(self.lines("--json", "--recursive", self.dir.name)), 3)
+        self.assertEqual(len(self.lines("--json", ".")), 2)
+        self.assertEqual(len(self.lines("--json", "--recursive", ".")), 3)
 
     def test_standard_input_has_another_name_or_zone(self):
-        (incident,) = self.lines("--json", "-", stdin=LOG.format(tid=5, watch="w"))
-        self.assertEqual((incident["file"], incident["written"]), ("-", "2026-11-22T22:13:48"))
+        (incident,) = self.lines("--json", "-", input=LOG.format(tid=5, watch="w"))
+        self.assertEqual([incident[key] for key in ("file", "written", "started", "utc_offset_seconds")],
+                         ["-", "2026-11-22T22:13:48", "2026-11-22T22:13:45", None])
 
     def test_a_name_after_dashes_is_taken_for_an_option(self):
         self.write("--all", LOG.format(tid=5, watch="w"))
@@ -88,16 +97,15 @@ class CallTest(unittest.TestCase):
 
     def test_labels_are_lost(self):
         labels = ["--label", "device=a=b", "--label", "empty="]
-        for incident in self.lines("--json", *labels, self.dir.name):
+        for incident in self.lines("--json", *labels, "."):
             self.assertEqual(incident["labels"], {"device": "a=b", "empty": ""})
-        for row in self.lines("--rows", *labels, self.dir.name):
+        for row in self.lines("--rows", *labels, "."):
             self.assertEqual((row["label_keys"], row["label_values"]),
                              (["device", "empty"], ["a=b", ""]))
 
     def test_a_row_has_a_gap(self):
         self.write("cut.log", "timeout tid: 5\n")
-        whole, cut = self.lines("--rows", self.path("quorvel@1795382028123.log"),
-                                self.path("cut.log"))
+        whole, cut = self.lines("--rows", FIRST, "cut.log")
         self.assertEqual(whole.keys(), cut.keys())
         self.assertEqual([type(v) for v in whole.values()], [type(v) for v in cut.values()])
         self.assertEqual(whole["written_ms"], 1795382028123)
@@ -106,12 +114,12 @@ class CallTest(unittest.TestCase):
         self.assertEqual((whole["threads"], whole["reason_kind"]), (2, "file-lock"))
 
     def test_folded_stacks_lose_threads(self):
-        self.assertEqual(self.run_it("--folded", "--recursive", self.dir.name).stdout.splitlines(),
+        self.assertEqual(self.run_it("--folded", "--recursive", ".").stdout.splitlines(),
                          ["service;other;ep_poll_[k] 3",
                           "service;watched;[app.apk];Config::load(int);flock 3"])
 
     def test_symbolisers_find_no_frames(self):
-        text = self.run_it("--ndk", self.path("quorvel@1795382028123.log")).stdout
+        text = self.run_it("--ndk", FIRST).stdout
         blank, banner, _, first, _, last = text.split("\n")[:6]
         self.assertEqual((blank, banner), ("", " ".join(["***"] * 16)))
         self.assertEqual(first.strip(), "#00 pc 00000000000f8895  /usr/lib/libc.so.6 (flock+5)")
@@ -121,21 +129,21 @@ class CallTest(unittest.TestCase):
         for options, environment, colours in (((), {}, False), (("--color=always",), {}, True),
                                               (("--color=always",), {"NO_COLOR": "1"}, True),
                                               (("--color=never",), {}, False)):
-            text = self.run_it(*options, self.dir.name, **environment).stdout
+            text = self.run_it(*options, ".", environment=environment).stdout
             self.assertEqual("\x1b[" in text, colours, options)
 
     def test_the_ranking_is_wrong_or_too_wide(self):
-        text = self.run_it("--recursive", self.dir.name).stdout
+        text = self.run_it("--recursive", ".").stdout
         head, _, titles, first, second = text.splitlines()[:5]
         self.assertIn("3 incidents, 2 signatures", head)
         self.assertIn("frames", titles)
         self.assertRegex(first, r"^ *2 service +load +11-22 21:13 +11-22 21:14 +file-lock +Config")
         self.assertRegex(second, r"^ *1 service +save ")
         self.assertLessEqual(max(map(len, text.splitlines())), 80)
-        self.assertIn("1 more", self.run_it("--top=1", "--recursive", self.dir.name).stdout)
+        self.assertIn("1 more", self.run_it("--top=1", "--recursive", ".").stdout)
 
     def test_the_answer_is_not_on_the_first_screen(self):
-        text = self.run_it(self.path("quorvel@1795382028123.log")).stdout.splitlines()
+        text = self.run_it(FIRST).stdout.splitlines()
         self.assertEqual(text[0], 'service hung in "load" for 3 s')
         self.assertIn("since 2026-11-22 22:13:45 UTC+01:00", text[1])
         self.assertIn("waits for a file lock, in flock", text[3])
@@ -146,26 +154,39 @@ class CallTest(unittest.TestCase):
     def test_a_long_name_breaks_the_layout(self):
         self.write("long.log", LOG.format(tid=5, watch="w" * 900).replace("Config", "C" * 6))
         for columns in ("60", "80"):
-            text = self.run_it(self.path("long.log"), COLUMNS=columns).stdout
+            text = self.run_it("long.log", environment={"COLUMNS": columns}).stdout
             self.assertLessEqual(max(map(len, text.splitlines())), int(columns))
             self.assertIn(" for 3 s", text.splitlines()[0])
 
     def test_all_shortens_a_path(self):
-        text = self.run_it("--all", self.dir.name, COLUMNS="120").stdout
+        text = self.run_it("--all", ".", environment={"COLUMNS": "120"}).stdout
         self.assertEqual(text.count("/vendor/bin/a;b/service"), 2)
 
     def test_a_page_that_cannot_be_written_is_no_failure(self):
-        self.run_it("--html", self.path("gone", "page.html"), self.dir.name, status=1)
-        self.run_it("--html", self.path("page.html"), self.dir.name)
-        with open(self.path("page.html"), encoding="utf-8") as page:
-            self.assertIn("<html", page.read())
+        for page, reason in (("gone/page.html", "No such file"), ("/dev/null", "no regular file")):
+            done = self.run_it("--html", page, ".", status=1)
+            self.assertRegex(done.stderr, f"{page}.*{reason}")
+
+    def test_a_full_disk_costs_the_old_page(self):
+        self.write("page.html", "old")
+        limit = functools.partial(resource.setrlimit, resource.RLIMIT_FSIZE, (10000, 10000))
+        done = self.run_it("--html", "page.html", ".", status=1, preexec_fn=limit)
+        self.assertIn("File too large", done.stderr)
+        self.assertEqual(self.read("page.html"), "old")
+        self.assertEqual(len(os.listdir(self.dir.name)), 4)
+
+    def test_a_new_page_loses_link_or_permissions(self):
+        self.write("page.html", "old")
+        os.chmod(self.path("page.html"), 0o600)
+        os.symlink("page.html", self.path("link.html"))
+        self.run_it("--html", "link.html", ".")
+        self.assertTrue(os.path.islink(self.path("link.html")))
+        self.assertEqual(os.stat(self.path("page.html")).st_mode & 0o777, 0o600)
+        self.assertIn("<html", self.read("page.html"))
 
     def test_a_full_disk_goes_unnoticed(self):
         with open("/dev/full", "w", encoding="utf-8") as full:
-            done = subprocess.run([PROGRAM, "--json", self.dir.name], stdout=full,
-                                  stderr=subprocess.PIPE, text=True, check=False)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("cannot write", done.stderr)
+            self.assertIn("cannot write", self.run_it("--json", ".", status=1, stdout=full).stderr)
 
 
 if __name__ == "__main__":

@@ -8,6 +8,7 @@ import time
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.support.ui import WebDriverWait
 
 CHROMIUM = "/usr/bin/chromium"
 CHROMEDRIVER = "/usr/bin/chromedriver"
@@ -15,6 +16,7 @@ CHROMEDRIVER = "/usr/bin/chromedriver"
 SWITCHES = ("headless no-sandbox disable-gpu disable-quic no-first-run disable-sync "
             "disable-background-networking disable-component-update").split()
 READY_SECONDS = 30
+POLL_SECONDS = 0.02
 
 
 def is_installed():
@@ -34,7 +36,6 @@ class Browser(webdriver.Chrome):
         self.execute_cdp_cmd("Network.enable", {})
         self.execute_cdp_cmd("Network.emulateNetworkConditions", {
             "offline": True, "latency": 0, "downloadThroughput": 0, "uploadThroughput": 0})
-        self.set_view()
 
     def quit(self):
         super().quit()
@@ -59,11 +60,8 @@ class Browser(webdriver.Chrome):
 
     def wait(self, script, *arguments):
         """Waits until the script's result is true."""
-        deadline = time.monotonic() + READY_SECONDS
-        while not self.execute_script(script, *arguments):
-            if time.monotonic() > deadline:
-                raise TimeoutError(f"never true: {script}")
-            time.sleep(0.02)
+        WebDriverWait(self, READY_SECONDS, POLL_SECONDS).until(
+            lambda _: self.execute_script(script, *arguments), f"never true: {script}")
 
     def requests(self):
         """The addresses that were requested since the page was opened."""
@@ -83,5 +81,7 @@ class Browser(webdriver.Chrome):
             "return [...document.querySelectorAll(arguments[0])].map((node) => node.innerText)",
             selector)
 
-    def click(self, selector):
+    def click(self, selector, shows="html"):
+        """Clicks, and waits until the page has what that shows."""
         self.execute_script("document.querySelector(arguments[0]).click()", selector)
+        self.wait("return document.querySelector(arguments[0]) !== null", shows)
