@@ -32,6 +32,7 @@ TEST(FunctionNameTest, BuildsDisagreeOnPlainNames) {
       {"worker()::{lambda(int)#2}::operator()(int) const", "worker::{lambda}"},
       {"worker()::$_12::operator()() const", "worker::{lambda}"},
       {"worker()::{lambda()#1}::_FUN()", "worker::{lambda}"},
+      {"f()::$_0::operator()() const::{lambda()#1}::operator()() const", "f::{lambda}::{lambda}"},
       {"std::enable_if<is_invocable_r_v<void, f()::{lambda()#1}&>, void>::type "
        "std::__invoke_r<void, f()::{lambda()#1}&>(f()::{lambda()#1}&)",
        "f::{lambda}"},

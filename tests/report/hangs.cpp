@@ -1,0 +1,175 @@
+// Hangs in the way that its argument names, under a watch of one second, until it is killed.
+//
+// "ledger" and "settle" are built by several compilers and with several optimisations, and have one
+// signature each: the first waits through a template, a lambda and std::function, the second
+// through a function that an optimising compiler inlines.
+#include <fcntl.h>
+#include <linux/userfaultfd.h>
+#include <poll.h>
+#include <quorvel/quorvel.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#define NOINLINE __attribute__((noinline))
+
+namespace {
+
+std::mutex g_mutex;  // locked by the first thread
+const pthread_t g_first_thread = pthread_self();
+volatile unsigned g_count;
+char g_buffer[64];
+volatile ssize_t g_length;
+
+void Require(bool holds, const char* what) {
+  if (holds) return;
+  perror(what);
+  exit(1);
+}
+
+template <typename Item>
+class Ledger {
+ public:
+  NOINLINE void Append(const Item& item, std::vector<Item>* items) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    items->push_back(item);
+  }
+};
+
+NOINLINE size_t Book(int amount) {
+  std::vector<std::string> items;
+  Ledger<std::string>().Append(std::to_string(amount), &items);
+  return items.size();
+}
+
+inline void Settle(std::mutex* mutex) {
+  mutex->lock();
+  ++g_count;
+  mutex->unlock();
+}
+
+NOINLINE unsigned Close() {
+  Settle(&g_mutex);
+  return g_count;
+}
+
+void HangInCondition() {
+  std::mutex mutex;
+  std::unique_lock<std::mutex> lock(mutex);
+  std::condition_variable().wait(lock);
+}
+
+void HangInFileLock() {
+  char path[] = "/tmp/hangs.XXXXXX";
+  const int first = mkstemp(path), second = open(path, O_RDWR | O_CLOEXEC);
+  Require(first != -1 && second != -1 && unlink(path) == 0 && flock(first, LOCK_EX) == 0, path);
+  flock(second, LOCK_EX);
+}
+
+int OpenTerminal() {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  Require(master != -1 && grantpt(master) == 0 && unlockpt(master) == 0, "terminal");
+  const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
+  Require(terminal != -1, "terminal");
+  return terminal;
+}
+
+void HangInFileWrite() {
+  static const int terminal = OpenTerminal();
+  g_length = write(terminal, g_buffer, sizeof(g_buffer));
+}
+
+void HangInSocket() {
+  int ends[2];
+  Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
+  g_length = recv(ends[0], g_buffer, sizeof(g_buffer), 0);
+}
+
+void HangInPipe() {
+  int ends[2];
+  Require(pipe(ends) == 0, "pipe");
+  g_length = read(ends[0], g_buffer, sizeof(g_buffer));
+}
+
+void HangInChild() {
+  if (fork() == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) pause();
+  }
+  wait(nullptr);
+}
+
+// A page that only the holder of a descriptor could give, who does not.
+void HangInMemory() {
+  const int fd = static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC | UFFD_USER_MODE_ONLY));
+  uffdio_api api = {UFFD_API, 0, 0};
+  Require(fd != -1 && ioctl(fd, UFFDIO_API, &api) == 0, "userfaultfd");
+  const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* const page = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  uffdio_register region = {
+      {reinterpret_cast<uintptr_t>(page), size}, UFFDIO_REGISTER_MODE_MISSING, 0};
+  Require(ioctl(fd, UFFDIO_REGISTER, &region) == 0, "userfaultfd");
+  g_length = *static_cast<volatile char*>(page);
+}
+
+// A stop in which its tracer, the parent process, leaves the thread.
+void HangInStop() {
+  Require(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0, "ptrace");
+  raise(SIGUSR1);
+}
+
+NOINLINE void Watched(const std::function<void()>& hang) {
+  __quorvel_start_ex("hang", 1, nullptr, nullptr, QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
+  for (;;) hang();
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+  const std::map<std::string, std::function<void()>> hangs = {
+      {"ledger", [] { g_length = static_cast<ssize_t>(Book(1)); }},
+      {"settle", [] { g_length = Close(); }},
+      {"mutex", [] { g_mutex.lock(); }},
+      {"condition", HangInCondition},
+      {"futex", [] { pthread_join(g_first_thread, nullptr); }},
+      {"file-lock", HangInFileLock},
+      {"file-read", [] { g_length = read(OpenTerminal(), g_buffer, sizeof(g_buffer)); }},
+      {"file-write", HangInFileWrite},
+      {"socket", HangInSocket},
+      {"pipe", HangInPipe},
+      {"poll", [] { poll(nullptr, 0, -1); }},
+      {"child", HangInChild},
+      {"sleep", [] { sleep(1000); }},
+      {"signal", [] { pause(); }},
+      {"memory", HangInMemory},
+      {"stopped", HangInStop},
+      {"running", [] { ++g_count; }},
+  };
+  const std::function<void()>& hang = hangs.at(argv[1]);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (argv[1] == std::string("stopped") && fork() != 0) {
+    for (;;) pause();  // the tracer, which does nothing
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  quorvel_init();
+  g_mutex.lock();
+  std::thread thread([&hang] { Watched(hang); });
+  for (;;) pause();
+}
