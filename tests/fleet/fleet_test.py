@@ -6,6 +6,7 @@ Run by scripts/fleet --short."""
 
 import json
 import os
+import pathlib
 import subprocess
 import sys
 import tempfile
@@ -41,37 +42,38 @@ class StoreTest(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
-        self.directory = directory.name
+        self.directory = pathlib.Path(directory.name)
         for shard in STORE:
             shard.sql("TRUNCATE TABLE shard.incidents; TRUNCATE TABLE shard.incidents_by_day; "
                       "TRUNCATE TABLE shard.active_devices")
 
-    def load(self, *arguments):
-        return subprocess.run(
-            [sys.executable, "-B", f"{FLEET}/load", f"--client={STORE.client('loader')}",
-             f"--report={REPORT}", "--patience=0", f"--spool={self.directory}/spool", *arguments],
-            capture_output=True, text=True, check=False)
+    def run_script(self, script, *arguments, status=0):
+        done = subprocess.run([sys.executable, "-B", f"{FLEET}/{script}", *arguments],
+                              cwd=self.directory, capture_output=True, text=True, check=False)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return done
 
-    def load_rows(self, *lines):
-        with open(f"{self.directory}/rows", "wb") as file:
-            file.writelines(lines)
-        return self.load("--rows", f"{self.directory}/rows")
+    def load(self, *arguments, status=0):
+        """Runs the loader; returns its messages."""
+        return self.run_script("load", f"--client={STORE.client('loader')}", f"--report={REPORT}",
+                               "--patience=0", "--spool=spool", *arguments, status=status).stderr
+
+    def load_rows(self, *lines, status=0):
+        (self.directory / "rows").write_bytes(b"".join(lines))
+        return self.load("--rows", "rows", status=status)
 
     def write_log(self, device, ms=DAY_MS):
         hang = generate.Hang("p", "w", generate.WAITS[0], ("commit_cache",), 1, 0, 0, 3)
-        os.makedirs(f"{self.directory}/logs/{device}", exist_ok=True)
-        with open(f"{self.directory}/logs/{device}/quorvel@{ms}.log", "w", encoding="utf-8") as log:
-            log.write(generate.log_text(hang, generate.Incident(ms, 3, 0, 0, 0, 0)))
+        log = self.directory / "logs" / device / f"quorvel@{ms}.log"
+        log.parent.mkdir(parents=True, exist_ok=True)
+        log.write_text(generate.log_text(hang, generate.Incident(ms, 3, 0, 0, 0, 0)))
 
-    def ask(self, *arguments):
-        return subprocess.run(
-            [sys.executable, "-B", f"{FLEET}/ask", f"--client={STORE.client('reader')}",
-             *arguments], capture_output=True, text=True, check=False)
+    def ask(self, *arguments, status=0):
+        return self.run_script("ask", f"--client={STORE.client('reader')}", *arguments,
+                               status=status)
 
     def rows(self, *arguments):
-        done = self.ask("--format=json", *arguments)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return json.loads(done.stdout)["rows"]
+        return json.loads(self.ask("--format=json", *arguments).stdout)["rows"]
 
     def incidents(self):
         return sum(hang["incidents"] for hang in self.rows("top", *PERIOD))
@@ -83,114 +85,76 @@ class StoreTest(unittest.TestCase):
 
 class LoadTest(StoreTest):
     def test_bad_lines_neither_stop_nor_change_the_good_ones(self):
+        # A lone surrogate is JSON to us and none to the server; a newer tool may print more keys.
         bad = [b"{garbage\n", b"{garbage\n", row(written_ms=0), row(threads=-1),
-               row(watched_user=[1]), row(label_keys=["serial"]), b'"\xff"\n']
-        good = [row(written_ms=DAY_MS + number) for number in range(20)]
-        done = self.load_rows(*good[:10], *bad, b"\n", *good[10:])
-        self.assertIn("20 rows stored", done.stderr)
-        self.assertIn(f"{len(bad)} lines rejected", done.stderr)
-        self.assertEqual(done.returncode, 1)
+               row(watched_user=[1]), row(label_keys=["serial"]), b'"\xff"\n', row(watch="\ud800")]
+        good = [row(written_ms=DAY_MS + number, cpu_percent=3) for number in range(20)]
+        messages = self.load_rows(*good[:10], *bad, b"\n", *good[10:], status=1)
+        self.assertIn("20 rows stored", messages)
+        self.assertIn(f"{len(bad)} lines rejected", messages)
         self.assertEqual(self.incidents(), 20)
-        [name] = os.listdir(f"{self.directory}/spool/rejected")
-        with open(f"{self.directory}/spool/rejected/{name}", encoding="utf-8") as file:
-            reasons = [json.loads(line)["reason"] for line in file]
+        [rejected] = (self.directory / "spool/rejected").iterdir()
+        reasons = [json.loads(line)["reason"] for line in rejected.read_text().splitlines()]
         self.assertEqual(len(reasons), len(bad))
         self.assertIn("has no label `device`", reasons)
 
-    def test_a_line_that_only_the_server_refuses_is_found(self):
-        # A lone surrogate is JSON to us and none to the server.
-        refused = row(watch="w").replace(b'"w"', b'"\\ud800"')
-        done = self.load_rows(row(), refused, row(written_ms=DAY_MS + 1))
-        self.assertIn("2 rows stored", done.stderr)
-        self.assertIn("1 lines rejected", done.stderr)
-
-    def test_a_newer_tools_key_is_no_reason_to_reject(self):
-        self.assertEqual(self.load_rows(row(cpu_percent=3)).returncode, 0)
-        self.assertEqual(self.incidents(), 1)
-
-    def test_a_devices_name_cannot_become_an_option_or_sql(self):
-        name = "--rows'); DROP TABLE shard.incidents; -- \"\\{top:UInt32}"
-        self.write_log(name)
-        done = self.load(f"{self.directory}/logs")
-        self.assertEqual(done.returncode, 0, done.stderr)
-        [incident] = self.rows("incidents", *PERIOD, f"signature={self.signature()}")
-        self.assertEqual(incident["device"], name)
-
-    def test_two_devices_do_not_become_one_by_their_names(self):
-        for name in ("a\n", "a\x01", "b"):
+    def test_a_devices_name_becomes_another_or_an_option_or_sql(self):
+        odd = "--rows'); DROP TABLE shard.incidents; -- \"\\{top:UInt32}"
+        for name in ("a\n", "a\x01", odd):
             self.write_log(name)
-        done = self.load(f"{self.directory}/logs")
-        self.assertEqual(done.returncode, 1)
-        self.assertIn(r"rename the directory 'a\x01'", done.stderr)
-        self.assertEqual([one["device"] for one in self.rows(
-            "incidents", *PERIOD, f"signature={self.signature()}")], ["b"])
-
-    def signature(self):
-        return self.rows("top", *PERIOD)[0]["signature_id"]
+        self.assertIn(r"rename the directory 'a\x01'", self.load("logs", status=1))
+        [hang] = self.rows("top", *PERIOD)
+        incidents = self.rows("incidents", *PERIOD, f"signature={hang['signature_id']}")
+        self.assertEqual([incident["device"] for incident in incidents], [odd])
 
     def test_what_is_stored_is_read_again_only_when_it_changes(self):
         self.write_log("a")
-        self.assertEqual(self.load(f"{self.directory}/logs").returncode, 0)
-        unread = self.load("--report=/bin/false", f"{self.directory}/logs")
-        self.assertIn(" 0 rows stored", unread.stderr)
-        self.assertEqual(unread.returncode, 0)
+        self.load("logs")
+        self.assertIn(" 0 rows stored", self.load("--report=/bin/false", "logs"))
         self.write_log("a", DAY_MS + 5)
-        self.assertIn(" 2 rows stored", self.load(f"{self.directory}/logs").stderr)
+        self.assertIn(" 2 rows stored", self.load("logs"))
         self.assertEqual(self.incidents(), 2)
 
     def test_an_unreadable_log_is_named_and_the_others_are_stored(self):
         self.write_log("a")
-        with open(f"{self.directory}/logs/a/quorvel@5.log", "w", encoding="utf-8") as log:
-            log.write("no incident\n")
-        done = self.load(f"{self.directory}/logs")
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("quorvel@5.log", done.stderr)
+        (self.directory / "logs/a/quorvel@5.log").write_text("no incident\n")
+        self.assertIn("quorvel@5.log", self.load("logs", status=1))
         self.assertEqual(self.incidents(), 1)
 
     def test_a_report_tool_that_fails_is_asked_again(self):
         self.write_log("a")
-        self.assertEqual(self.load("--report=ls", f"{self.directory}/logs").returncode, 1)
-        self.load(f"{self.directory}/logs")
+        self.load("--report=ls", "logs", status=1)
+        self.load("logs")
         self.assertEqual(self.incidents(), 1)
 
     def test_rows_wait_in_the_spool_for_a_shard_and_count_once(self):
         lines = [row(written_ms=DAY_MS + number, label_values=[f"d{number}"])
                  for number in range(50)]
         self.stop_shard()
-        done = self.load_rows(*lines)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("1 batches are kept", done.stderr)
+        self.assertIn("1 batches are kept", self.load_rows(*lines, status=1))
         STORE[1].start()
-        self.assertIn(" 50 rows stored", self.load("--rows", f"{self.directory}/rows").stderr)
+        self.assertIn(" 50 rows stored", self.load("--rows", "rows"))
         self.assertEqual(self.incidents(), 50)
 
     def test_a_spool_that_a_kill_left_torn_loses_nothing(self):
         self.load_rows(row())
-        spool = f"{self.directory}/spool"
-        with open(f"{spool}/done", "a", encoding="utf-8") as done:
-            done.write('["/torn')
+        spool = self.directory / "spool"
+        (spool / "done").write_text((spool / "done").read_text() + '["/torn')
         for name, content in (("1.rows.tmp", b"{"), ("2.rows", row(written_ms=DAY_MS + 1)),
                               ("3.units", b'[["unit", "stamp"]]')):
-            with open(f"{spool}/pending/{name}", "wb") as file:
-                file.write(content)
-        self.assertEqual(self.load("--rows", f"{self.directory}/rows").returncode, 0)
-        self.assertEqual(os.listdir(f"{spool}/pending"), [])
+            (spool / "pending" / name).write_bytes(content)
+        self.load("--rows", "rows")
+        self.assertEqual(list((spool / "pending").iterdir()), [])
         self.assertEqual(self.incidents(), 2)
 
     def test_a_server_that_is_away_is_named_before_anything_is_read(self):
-        done = self.load("--port=1", self.directory)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("Connection refused", done.stderr)
-        self.assertFalse(os.path.exists(f"{self.directory}/spool"))
+        self.assertIn("Connection refused", self.load("--port=1", ".", status=1))
+        self.assertFalse((self.directory / "spool").exists())
 
     def test_a_bad_count_of_devices_loads_none(self):
-        path = f"{self.directory}/active"
         for bad in ("2026-11-31,b,5", f"{DAY},b,-1", f"{DAY},b", f"{DAY},b,many"):
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(f"day,fingerprint,devices\n{DAY},b,5\n{bad}\n")
-            done = self.load("--active", path)
-            self.assertEqual(done.returncode, 1)
-            self.assertIn("line 3", done.stderr)
+            (self.directory / "active").write_text(f"day,fingerprint,devices\n{DAY},b,5\n{bad}\n")
+            self.assertIn("line 3", self.load("--active", "active", status=1))
         self.assertEqual(self.rows("by_day", *PERIOD), [])
 
 
@@ -211,18 +175,14 @@ class AskTest(StoreTest):
                 (("top", *PERIOD, "top=4294967296"), "no number"),
                 (("top", *PERIOD, "limit=3"), "no parameter"),
                 (("top", *PERIOD, "top=1", "top=2"), "twice")):
-            done = self.ask("--port=1", *arguments)
-            self.assertEqual(done.returncode, 2, done.stderr)
-            self.assertIn(message, done.stderr)
+            self.assertIn(message, self.ask("--port=1", *arguments, status=2).stderr)
 
-    def test_half_a_fleet_is_refused_or_said(self):
+    def test_json_of_half_a_fleet_does_not_say_so(self):
         self.load_rows(*(row(label_values=[f"d{number}"]) for number in range(50)))
         self.stop_shard()
-        refused = self.ask("top", *PERIOD)
-        self.assertEqual((refused.returncode, refused.stdout), (1, ""))
-        self.assertIn(f"1 of 2 shards do not answer (127.0.0.1:{STORE[1].port})", refused.stderr)
         partial = json.loads(self.ask("top", "--partial", "--format=json", *PERIOD).stdout)
-        self.assertIn("1 of 2 shards", partial["partial"])
+        self.assertIn(f"1 of 2 shards do not answer (127.0.0.1:{STORE[1].port})",
+                      partial["partial"])
         self.assertLess(partial["rows"][0]["incidents"], 50)
 
     def test_a_log_cannot_write_to_the_terminal(self):
@@ -264,8 +224,7 @@ class RetainTest(StoreTest):
         self.load_rows(*(row(written_ms=now_ms - age * week_ms) for age in range(6)))
         servers = [f"127.0.0.1:{shard.port}" for shard in STORE]
         for dry, left in (("--dry-run", 6), ("--weeks=3", 4)):
-            subprocess.run([sys.executable, "-B", f"{FLEET}/retain", dry, "--weeks=3", *servers],
-                           stdout=subprocess.DEVNULL, check=True)
+            self.run_script("retain", dry, "--weeks=3", *servers)
             rows = self.rows("incidents", "from=2000-01-01", "to=2100-01-01", "signature=1-1")
             self.assertEqual(len(rows), left)
 
