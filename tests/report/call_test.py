@@ -6,6 +6,7 @@
 import functools
 import json
 import os
+import pathlib
 import resource
 import subprocess
 import sys
@@ -36,29 +37,23 @@ tid = {tid}
 
 class CallTest(unittest.TestCase):
     def setUp(self):
-        self.dir = tempfile.TemporaryDirectory()
-        self.addCleanup(self.dir.cleanup)
-        os.makedirs(self.path("below"))
-        for i, (where, watch) in enumerate((("", "load"), ("", "load"), ("below", "save"))):
-            self.write(os.path.join(where, f"quorvel@{1795382028123 + i * 60000}.log"),
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.dir = pathlib.Path(directory.name)
+        self.page = self.dir / "page.html"
+        (self.dir / "below").mkdir()
+        for i, (where, watch) in enumerate(((".", "load"), (".", "load"), ("below", "save"))):
+            self.write(f"{where}/quorvel@{1795382028123 + i * 60000}.log",
                        LOG.format(tid=100 + i, watch=watch))
 
-    def path(self, *names):
-        return os.path.join(self.dir.name, *names)
-
     def write(self, name, text):
-        with open(self.path(name), "w", encoding="utf-8") as file:
-            file.write(text)
-
-    def read(self, name):
-        with open(self.path(name), encoding="utf-8") as file:
-            return file.read()
+        (self.dir / name).write_text(text, encoding="utf-8")
 
     def run_it(self, *options, status=0, environment=None, **more):
         env = {"PATH": os.environ["PATH"], "COLUMNS": "80", **(environment or {})}
         call = {"input": "", "stdout": subprocess.PIPE, "restore_signals": False, **more}
         done = subprocess.run([PROGRAM, *options], text=True, stderr=subprocess.PIPE, env=env,
-                              cwd=self.dir.name, check=False, timeout=60, **call)
+                              cwd=self.dir, check=False, timeout=60, **call)
         self.assertEqual(done.returncode, status, done.stderr)
         return done
 
@@ -168,21 +163,21 @@ class CallTest(unittest.TestCase):
             self.assertRegex(done.stderr, f"{page}.*{reason}")
 
     def test_a_full_disk_costs_the_old_page(self):
-        self.write("page.html", "old")
+        self.page.write_text("old")
         limit = functools.partial(resource.setrlimit, resource.RLIMIT_FSIZE, (10000, 10000))
         done = self.run_it("--html", "page.html", ".", status=1, preexec_fn=limit)
         self.assertIn("File too large", done.stderr)
-        self.assertEqual(self.read("page.html"), "old")
-        self.assertEqual(len(os.listdir(self.dir.name)), 4)
+        self.assertEqual(self.page.read_text(), "old")
+        self.assertEqual(len(os.listdir(self.dir)), 4)
 
     def test_a_new_page_loses_link_or_permissions(self):
-        self.write("page.html", "old")
-        os.chmod(self.path("page.html"), 0o600)
-        os.symlink("page.html", self.path("link.html"))
+        self.page.touch(0o600)
+        link = self.dir / "link.html"
+        link.symlink_to("page.html")
         self.run_it("--html", "link.html", ".")
-        self.assertTrue(os.path.islink(self.path("link.html")))
-        self.assertEqual(os.stat(self.path("page.html")).st_mode & 0o777, 0o600)
-        self.assertIn("<html", self.read("page.html"))
+        self.assertTrue(link.is_symlink())
+        self.assertEqual(self.page.stat().st_mode & 0o777, 0o600)
+        self.assertIn("<html", self.page.read_text(encoding="utf-8"))
 
     def test_a_full_disk_goes_unnoticed(self):
         with open("/dev/full", "w", encoding="utf-8") as full:

@@ -1,6 +1,6 @@
 // Hangs in the way that its argument names, under a watch of one second, until it is killed.
 //
-// "ledger" and "settle" are built by several compilers and with several optimisations, and have one
+// "append" and "settle" are built by several compilers and with several optimisations, and have one
 // signature each: the first waits through a template, a lambda and std::function, the second
 // through a function that an optimising compiler inlines.
 #include <fcntl.h>
@@ -45,17 +45,14 @@ void Require(bool holds, const char* what) {
 }
 
 template <typename Item>
-class Ledger {
- public:
-  NOINLINE void Append(const Item& item, std::vector<Item>* items) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    items->push_back(item);
-  }
-};
+NOINLINE void Append(const Item& item, std::vector<Item>* items) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  items->push_back(item);
+}
 
 NOINLINE size_t Book(int amount) {
   std::vector<std::string> items;
-  Ledger<std::string>().Append(std::to_string(amount), &items);
+  Append(std::to_string(amount), &items);
   return items.size();
 }
 
@@ -144,7 +141,7 @@ NOINLINE void Watched(const std::function<void()>& hang) {
 
 int main(int, char** argv) {
   const std::map<std::string, std::function<void()>> hangs = {
-      {"ledger", [] { g_length = static_cast<ssize_t>(Book(1)); }},
+      {"append", [] { g_length = static_cast<ssize_t>(Book(1)); }},
       {"settle", [] { g_length = Close(); }},
       {"mutex", [] { g_mutex.lock(); }},
       {"condition", HangInCondition},

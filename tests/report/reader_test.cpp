@@ -24,7 +24,7 @@ std::string JsonText(const Incident& incident) {
 
 TEST_F(ReaderTest, JsonLacksFacts) {
   const Incident incident =
-      reader_.Read(std::string(kHeader) + Kernel(100, {"locks_lock_inode_wait"}) +
+      reader_.Read(kHeader + Kernel(100, {"locks_lock_inode_wait"}) +
                    User(100, {"libc:flock", "_Z4loadi"}) + "Unwind failed: tid = 9: gone\n");
   EXPECT_EQ(nlohmann::json::parse(R"json({
       "schema": 1, "file": "logs/quorvel@1795382028123.log", "written": "2026-11-22T21:13:48.123Z",
@@ -87,7 +87,7 @@ TEST_F(ReaderTest, FrameOfUnusualMapIsTakenApartWrongly) {
 
 TEST_F(ReaderTest, ThreadsAreOutOfOrderOrMixedUp) {
   const Incident incident = reader_.Read(
-      std::string(kHeader) + Kernel(100, {"do_wait"}) + Kernel(7, {"ep_poll"}) + User(7, {"loop"}) +
+      kHeader + Kernel(100, {"do_wait"}) + Kernel(7, {"ep_poll"}) + User(7, {"loop"}) +
       User(100, {"work"}) + "Unwind failed: tid = 9: gone\n" + "Unwind failed: tid = 8: \n");
   ASSERT_EQ(4u, incident.threads.size());
   EXPECT_TRUE(incident.threads[0].watched);
@@ -110,7 +110,7 @@ TEST_F(ReaderTest, StateWithoutPrivilegeIsNoKernelStack) {
 
 // What was read of a log that ends early is what the whole log has there, and nothing else.
 TEST_F(ReaderTest, LogCutAnywhereIsReportedAsSomethingElse) {
-  const std::string text = std::string(kHeader) + Kernel(100, {"futex_wait", "do_futex"}) +
+  const std::string text = kHeader + Kernel(100, {"futex_wait", "do_futex"}) +
                            Kernel(101, {"pipe_read"}) + User(100, {"libc:flock", "work"}) +
                            User(101, {"libc:read"}) + "Unwind failed: tid = 12345: gone\n";
   const Incident whole = reader_.Read(text);
@@ -147,7 +147,7 @@ TEST_F(ReaderTest, ForeignFileIsTakenForAnIncident) {
 
 TEST_F(ReaderTest, GarbageBetweenSectionsIsNotCounted) {
   const Incident incident = reader_.Read(
-      std::string(kHeader) + Kernel(100, {"do_wait"}) + "\xff\xfe garbage\n" + User(100, {"work"}) +
+      kHeader + Kernel(100, {"do_wait"}) + "\xff\xfe garbage\n" + User(100, {"work"}) +
       std::string(200000, 'x') + "\n  #07 pc 0000000000001000  /x\n" + User(100, {"again"}));
   EXPECT_EQ(4u, incident.problem_count);  // garbage, too long, number 7, second section
   EXPECT_EQ(2u, incident.threads.at(0).user.size());
@@ -188,13 +188,11 @@ TEST_F(ReaderTest, MissingFactsAreInvented) {
 }
 
 TEST_F(ReaderTest, TextsOfAnIncidentGoWithLaterLogs) {
-  const Incident kept = reader_.Read(std::string(kHeader) + User(100, {"first"}));
-  std::vector<std::string> more_than_are_stored_together(66000, "f");
-  for (size_t i = 0; i < more_than_are_stored_together.size(); ++i) {
-    more_than_are_stored_together[i] += std::to_string(i);
-  }
-  reader_.Read(std::string(kHeader) + User(100, more_than_are_stored_together));
-  const Incident next = reader_.Read(std::string(kHeader) + User(100, {"next"}));
+  const Incident kept = reader_.Read(kHeader + User(100, {"first"}));
+  std::vector<std::string> more_than_are_stored_together;
+  for (int i = 0; i < 66000; ++i) more_than_are_stored_together.push_back(std::to_string(i));
+  reader_.Read(kHeader + User(100, more_than_are_stored_together));
+  const Incident next = reader_.Read(kHeader + User(100, {"next"}));
   EXPECT_EQ("first", kept.threads[0].user[0]->function);
   EXPECT_EQ("next", next.threads[0].user[0]->function);
 }

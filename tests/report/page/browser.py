@@ -1,7 +1,6 @@
 """A headless Chromium without a network, which counts every request that a page makes."""
 
 import json
-import os
 import tempfile
 import time
 
@@ -17,10 +16,6 @@ SWITCHES = ("headless no-sandbox disable-gpu disable-quic no-first-run disable-s
             "disable-background-networking disable-component-update").split()
 READY_SECONDS = 30
 POLL_SECONDS = 0.02
-
-
-def is_installed():
-    return os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)
 
 
 class Browser(webdriver.Chrome):
@@ -73,8 +68,7 @@ class Browser(webdriver.Chrome):
         return [entry["message"] for entry in self.get_log("browser")]
 
     def text(self, selector):
-        return self.execute_script(
-            "return document.querySelector(arguments[0])?.innerText ?? null", selector)
+        return next(iter(self.texts(selector)), None)
 
     def texts(self, selector):
         return self.execute_script(
