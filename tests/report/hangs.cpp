@@ -1,11 +1,11 @@
 // Hangs in the way that its argument names, under a watch of one second, until it is killed.
-//
-// "append" and "settle" are built by several compilers and with several optimisations, and have one
-// signature each: the first waits through a template, a lambda and std::function, the second
-// through a function that an optimising compiler inlines.
+// "append" waits through a template, a lambda and std::function, "settle" through a function that
+// an optimising compiler inlines: each has one signature, whatever compiler and optimisation built
+// it.
 #include <fcntl.h>
 #include <linux/userfaultfd.h>
 #include <poll.h>
+#include <pty.h>
 #include <quorvel/quorvel.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -28,8 +28,6 @@
 #include <thread>
 #include <vector>
 
-#define NOINLINE __attribute__((noinline))
-
 namespace {
 
 std::mutex g_mutex;  // locked by the first thread
@@ -45,12 +43,12 @@ void Require(bool holds, const char* what) {
 }
 
 template <typename Item>
-NOINLINE void Append(const Item& item, std::vector<Item>* items) {
+[[gnu::noinline]] void Append(const Item& item, std::vector<Item>* items) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   items->push_back(item);
 }
 
-NOINLINE size_t Book(int amount) {
+[[gnu::noinline]] size_t Book(int amount) {
   std::vector<std::string> items;
   Append(std::to_string(amount), &items);
   return items.size();
@@ -62,7 +60,7 @@ inline void Settle(std::mutex* mutex) {
   mutex->unlock();
 }
 
-NOINLINE unsigned Close() {
+[[gnu::noinline]] unsigned Close() {
   Settle(&g_mutex);
   return g_count;
 }
@@ -73,18 +71,9 @@ void HangInCondition() {
   std::condition_variable().wait(lock);
 }
 
-void HangInFileLock() {
-  char path[] = "/tmp/hangs.XXXXXX";
-  const int first = mkstemp(path), second = open(path, O_RDWR | O_CLOEXEC);
-  Require(first != -1 && second != -1 && unlink(path) == 0 && flock(first, LOCK_EX) == 0, path);
-  flock(second, LOCK_EX);
-}
-
 int OpenTerminal() {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  Require(master != -1 && grantpt(master) == 0 && unlockpt(master) == 0, "terminal");
-  const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
-  Require(terminal != -1, "terminal");
+  int master, terminal;
+  Require(openpty(&master, &terminal, nullptr, nullptr, nullptr) == 0, "openpty");
   return terminal;
 }
 
@@ -132,7 +121,7 @@ void HangInStop() {
   raise(SIGUSR1);
 }
 
-NOINLINE void Watched(const std::function<void()>& hang) {
+[[gnu::noinline]] void Watched(const std::function<void()>& hang) {
   __quorvel_start_ex("hang", 1, nullptr, nullptr, QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
   for (;;) hang();
 }
@@ -146,7 +135,7 @@ int main(int, char** argv) {
       {"mutex", [] { g_mutex.lock(); }},
       {"condition", HangInCondition},
       {"futex", [] { pthread_join(g_first_thread, nullptr); }},
-      {"file-lock", HangInFileLock},
+      {"file-lock", [] { flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC), LOCK_EX); }},
       {"file-read", [] { g_length = read(OpenTerminal(), g_buffer, sizeof(g_buffer)); }},
       {"file-write", HangInFileWrite},
       {"socket", HangInSocket},

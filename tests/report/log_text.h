@@ -44,29 +44,20 @@ inline std::string User(int tid, const std::vector<std::string>& functions) {
 }
 
 // Reads texts as logs.
-class TextReader {
- public:
-  explicit TextReader(Symbols* symbols = nullptr) : reader_(symbols) {}
-
-  bool Read(const std::string& text, Incident* incident, const std::string& file = kFile) {
-    const int fd = memfd_create("log", MFD_CLOEXEC);
-    EXPECT_EQ(static_cast<ssize_t>(text.size()), pwrite(fd, text.data(), text.size(), 0));
-    const bool read = reader_.Read(fd, file, incident, &error_);
-    close(fd);
-    return read;
-  }
-
+class LogTest : public testing::Test {
+ protected:
   Incident Read(const std::string& text, const std::string& file = kFile) {
     Incident incident;
-    EXPECT_TRUE(Read(text, &incident, file)) << error_;
+    std::string error;
+    const int fd = memfd_create("log", MFD_CLOEXEC);
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), pwrite(fd, text.data(), text.size(), 0));
+    EXPECT_TRUE(reader_.Read(fd, file, &incident, &error)) << error;
+    close(fd);
     return incident;
   }
 
-  const std::string& error() const { return error_; }
-
  private:
-  LogReader reader_;
-  std::string error_;
+  LogReader reader_{nullptr};
 };
 
 }  // namespace report

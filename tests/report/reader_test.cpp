@@ -11,10 +11,7 @@
 namespace report {
 namespace {
 
-class ReaderTest : public testing::Test {
- protected:
-  TextReader reader_;
-};
+class ReaderTest : public LogTest {};
 
 std::string JsonText(const Incident& incident) {
   std::ostringstream out;
@@ -24,8 +21,8 @@ std::string JsonText(const Incident& incident) {
 
 TEST_F(ReaderTest, JsonLacksFacts) {
   const Incident incident =
-      reader_.Read(kHeader + Kernel(100, {"locks_lock_inode_wait"}) +
-                   User(100, {"libc:flock", "_Z4loadi"}) + "Unwind failed: tid = 9: gone\n");
+      Read(kHeader + Kernel(100, {"locks_lock_inode_wait"}) +
+           User(100, {"libc:flock", "_Z4loadi"}) + "Unwind failed: tid = 9: gone\n");
   EXPECT_EQ(nlohmann::json::parse(R"json({
       "schema": 1, "file": "logs/quorvel@1795382028123.log", "written": "2026-11-22T21:13:48.123Z",
       "utc_offset_seconds": 3600, "started": "2026-11-22T21:13:45Z", "armed_seconds": 3,
@@ -46,7 +43,7 @@ TEST_F(ReaderTest, JsonLacksFacts) {
 }
 
 TEST_F(ReaderTest, ZoneIsGuessedFromAnImpossibleDifference) {
-  const Incident incident = reader_.Read(kHeader, "quorvel@1795000000000.log");
+  const Incident incident = Read(kHeader, "quorvel@1795000000000.log");
   EXPECT_FALSE(incident.utc_offset_seconds.has_value());
   EXPECT_EQ(1u, incident.problem_count);
 }
@@ -55,7 +52,7 @@ TEST_F(ReaderTest, ZoneWithHalfHoursOrWestOfGreenwichIsMisread) {
   for (const int64_t offset : {19800, -12600, 0, 50400, -43200}) {
     const int64_t milliseconds = (1795385628 - offset) * 1000 - 1500;  // the header is later
     const std::string file = fmt::format("quorvel@{}.log", milliseconds);
-    EXPECT_EQ(offset, reader_.Read(kHeader, file).utc_offset_seconds) << file;
+    EXPECT_EQ(offset, Read(kHeader, file).utc_offset_seconds) << file;
   }
 }
 
@@ -74,8 +71,7 @@ TEST_F(ReaderTest, FrameOfUnusualMapIsTakenApartWrongly) {
       {"0000000000001000  /x (operator+)", "/x", "operator+", 0, 0},
   };
   for (const auto& [line, map, function, offset, function_offset] : cases) {
-    const Incident incident =
-        reader_.Read(std::string(kHeader) + "\ntid = 100\n  #00 pc " + line + "\n");
+    const Incident incident = Read(std::string(kHeader) + "\ntid = 100\n  #00 pc " + line + "\n");
     ASSERT_EQ(1u, incident.threads.at(0).user.size()) << line;
     const Frame& frame = *incident.threads[0].user[0];
     EXPECT_EQ(map, frame.map);
@@ -86,9 +82,9 @@ TEST_F(ReaderTest, FrameOfUnusualMapIsTakenApartWrongly) {
 }
 
 TEST_F(ReaderTest, ThreadsAreOutOfOrderOrMixedUp) {
-  const Incident incident = reader_.Read(
-      kHeader + Kernel(100, {"do_wait"}) + Kernel(7, {"ep_poll"}) + User(7, {"loop"}) +
-      User(100, {"work"}) + "Unwind failed: tid = 9: gone\n" + "Unwind failed: tid = 8: \n");
+  const Incident incident =
+      Read(kHeader + Kernel(100, {"do_wait"}) + Kernel(7, {"ep_poll"}) + User(7, {"loop"}) +
+           User(100, {"work"}) + "Unwind failed: tid = 9: gone\n" + "Unwind failed: tid = 8: \n");
   ASSERT_EQ(4u, incident.threads.size());
   EXPECT_TRUE(incident.threads[0].watched);
   EXPECT_EQ("do_wait+0x12/0x180", incident.threads[0].kernel.at(0));
@@ -99,10 +95,10 @@ TEST_F(ReaderTest, ThreadsAreOutOfOrderOrMixedUp) {
 }
 
 TEST_F(ReaderTest, StateWithoutPrivilegeIsNoKernelStack) {
-  const Incident incident = reader_.Read(
-      std::string(kHeader) +
-      "\nkernel stack tid = 100\n"
-      "[no kernel stack: Operation not permitted] state S, wait channel futex_do_wait\n");
+  const Incident incident =
+      Read(std::string(kHeader) +
+           "\nkernel stack tid = 100\n"
+           "[no kernel stack: Operation not permitted] state S, wait channel futex_do_wait\n");
   EXPECT_EQ('S', incident.threads.at(0).state);
   EXPECT_EQ("futex_do_wait", incident.threads[0].kernel.at(0));
   EXPECT_EQ("futex", incident.reason.kind);
@@ -113,9 +109,9 @@ TEST_F(ReaderTest, LogCutAnywhereIsReportedAsSomethingElse) {
   const std::string text = kHeader + Kernel(100, {"futex_wait", "do_futex"}) +
                            Kernel(101, {"pipe_read"}) + User(100, {"libc:flock", "work"}) +
                            User(101, {"libc:read"}) + "Unwind failed: tid = 12345: gone\n";
-  const Incident whole = reader_.Read(text);
+  const Incident whole = Read(text);
   for (size_t length = text.find("tid: 100\n") + 9; length < text.size(); ++length) {
-    const Incident cut = reader_.Read(text.substr(0, length));
+    const Incident cut = Read(text.substr(0, length));
     EXPECT_EQ(text[length - 1] != '\n', cut.problem_count > 0) << length;
     for (const Thread& thread : cut.threads) {
       const auto same = std::find_if(whole.threads.begin(), whole.threads.end(),
@@ -129,26 +125,18 @@ TEST_F(ReaderTest, LogCutAnywhereIsReportedAsSomethingElse) {
 
 TEST_F(ReaderTest, ClientsLinesHideTheHeader) {
   const Incident incident =
-      reader_.Read("client: starting\n" + std::string(kHeader) + "client: timeout tid: 5\n" +
-                   "timeout tid: 5\ntimeout function: other\n" + User(100, {"work"}));
+      Read("client: starting\n" + std::string(kHeader) + "client: timeout tid: 5\n" +
+           "timeout tid: 5\ntimeout function: other\n" + User(100, {"work"}));
   EXPECT_EQ(100, incident.tid);
   EXPECT_EQ("reload", incident.watch);
   EXPECT_EQ(4u, incident.printed.size());
   EXPECT_EQ(0u, incident.problem_count);
 }
 
-TEST_F(ReaderTest, ForeignFileIsTakenForAnIncident) {
-  Incident incident;
-  EXPECT_FALSE(reader_.Read("hello\ntid = 4\n", &incident, "a/b.log"));
-  EXPECT_EQ("a/b.log:2: no \"timeout tid:\" line up to here: not an incident log", reader_.error());
-  EXPECT_FALSE(reader_.Read("", &incident));
-  EXPECT_FALSE(reader_.Read(std::string(300000, '\0'), &incident));
-}
-
 TEST_F(ReaderTest, GarbageBetweenSectionsIsNotCounted) {
-  const Incident incident = reader_.Read(
-      kHeader + Kernel(100, {"do_wait"}) + "\xff\xfe garbage\n" + User(100, {"work"}) +
-      std::string(200000, 'x') + "\n  #07 pc 0000000000001000  /x\n" + User(100, {"again"}));
+  const Incident incident =
+      Read(kHeader + Kernel(100, {"do_wait"}) + "\xff\xfe garbage\n" + User(100, {"work"}) +
+           std::string(200000, 'x') + "\n  #07 pc 0000000000001000  /x\n" + User(100, {"again"}));
   EXPECT_EQ(4u, incident.problem_count);  // garbage, too long, number 7, second section
   EXPECT_EQ(2u, incident.threads.at(0).user.size());
   EXPECT_EQ("line 15: frame 7 where frame 1 belongs", incident.problems.at(2));
@@ -158,7 +146,7 @@ TEST_F(ReaderTest, HostileNamesReachTheOutputs) {
   const std::string hostile =
       "<b>\x1b[31m\x07\xc2\x9b"
       "2J\xff\xc3(\xed\xa0\x80\xe2\x80\xae\r;\t\x7f";
-  const Incident incident = reader_.Read(
+  const Incident incident = Read(
       "timeout tid: 100\ntimeout function: " + hostile + "\n>>> " + hostile + " <<<\n" + hostile +
       "\n\ntid = 100\n  #00 pc 0000000000001000  /lib" + hostile + " (" + hostile + "+1)\n");
   FoldedStacks folded;
@@ -176,23 +164,12 @@ TEST_F(ReaderTest, HostileNamesReachTheOutputs) {
   EXPECT_NE(std::string::npos, json["watch"].get<std::string>().find("<b>\xEF\xBF\xBD[31m"));
 }
 
-TEST_F(ReaderTest, MissingFactsAreInvented) {
-  const nlohmann::json json =
-      nlohmann::json::parse(JsonText(reader_.Read("timeout tid: x\n", "-")));
-  for (const char* key : {"written", "utc_offset_seconds", "started", "armed_seconds", "tid",
-                          "watch", "program", "fingerprint"}) {
-    EXPECT_TRUE(json.at(key).is_null()) << key;
-  }
-  EXPECT_EQ("unknown", json["reason"]["kind"]);
-  EXPECT_EQ(1u, json["problems"].size());
-}
-
 TEST_F(ReaderTest, TextsOfAnIncidentGoWithLaterLogs) {
-  const Incident kept = reader_.Read(kHeader + User(100, {"first"}));
+  const Incident kept = Read(kHeader + User(100, {"first"}));
   std::vector<std::string> more_than_are_stored_together;
   for (int i = 0; i < 66000; ++i) more_than_are_stored_together.push_back(std::to_string(i));
-  reader_.Read(kHeader + User(100, more_than_are_stored_together));
-  const Incident next = reader_.Read(kHeader + User(100, {"next"}));
+  Read(kHeader + User(100, more_than_are_stored_together));
+  const Incident next = Read(kHeader + User(100, {"next"}));
   EXPECT_EQ("first", kept.threads[0].user[0]->function);
   EXPECT_EQ("next", next.threads[0].user[0]->function);
 }

@@ -6,14 +6,12 @@
 namespace report {
 namespace {
 
-class SameTest : public testing::Test {
+class SameTest : public LogTest {
  protected:
   std::string SignatureOf(const std::string& sections) {
-    return reader_.Read(kHeader + sections).signature;
+    return Read(kHeader + sections).signature;
   }
-  Reason ReasonOf(const std::string& sections) { return reader_.Read(kHeader + sections).reason; }
-
-  TextReader reader_;
+  Reason ReasonOf(const std::string& sections) { return Read(kHeader + sections).reason; }
 };
 
 TEST(FunctionNameTest, BuildsDisagreeOnPlainNames) {
@@ -81,7 +79,7 @@ TEST_F(SameTest, DifferentHangsShareASignature) {
   }
   std::string renamed = kHeader + base;
   renamed.replace(renamed.find("reload"), 6, "save");
-  EXPECT_NE(SignatureOf(base), reader_.Read(renamed).signature);
+  EXPECT_NE(SignatureOf(base), Read(renamed).signature);
 }
 
 TEST_F(SameTest, KernelStackGivesTheWrongReason) {
@@ -101,11 +99,11 @@ TEST_F(SameTest, KernelStackGivesTheWrongReason) {
       {{"binder_wait_for_work", "binder_thread_read", "binder_ioctl"},
        {"libc:__ioctl", "_ZN7android14IPCThreadState14talkWithDriverEb", "call"},
        "binder"},
+      {{"sk_wait_data", "tcp_recvmsg_locked", "inet_recvmsg"}, {"libc:read", "fetch"}, "socket"},
       {{"futex_wait_queue_me", "futex_wait"}, {"libc:syscall", "park"}, "futex"},
       {{"do_signal_stop", "get_signal"}, {"work"}, "stopped"},
       {{"irqentry_exit_to_user_mode", "asm_sysvec_apic_timer_interrupt"}, {"work"}, "running"},
       {{"request_wait_answer", "mystery"}, {"libc:ioctl", "work"}, "unknown"},
-      {{}, {"work"}, "running"},
       {{}, {"libc:syscall", "work"}, "unknown"},
   };
   for (const auto& [kernel, user, kind] : cases) {
@@ -122,12 +120,17 @@ TEST_F(SameTest, UserStackAloneGivesNoReason) {
       {{"libc:syscall", "libc:_ZN5NonPIL20MutexLockWithTimeoutEv", "libc:pthread_mutex_lock"},
        "mutex",
        "waits for a mutex, in pthread_mutex_lock"},
+      {{"libc:pthread_cond_wait", "work"},
+       "condition",
+       "waits for a condition, in pthread_cond_wait"},
+      {{"libc:sem_wait", "work"}, "futex", "waits for a semaphore, in sem_wait"},
       {{"libc:__GI___poll", "work"}, "poll", "waits for events, in poll"},
+      {{"libc:epoll_pwait", "work"}, "poll", "waits for events, in epoll_pwait"},
       {{"libc:__libc_recv", "work"}, "socket", "waits for data of a socket, in recv"},
+      {{"libc:wait4", "work"}, "child", "waits for a child process, in wait4"},
+      {{"libc:clock_nanosleep", "libc:sleep", "work"}, "sleep", "sleeps, in sleep"},
+      {{"libc:__sigtimedwait", "libc:sigwait"}, "signal", "waits for a signal, in sigwait"},
       {{"libc:read", "work"}, "unknown", "reads, in read; the log does not tell for what"},
-      {{"libc:__futex_abstimed_wait_common", "libc:pthread_join", "work"},
-       "futex",
-       "waits for a thread to end, in pthread_join"},
       {{"spin", "work"}, "running", "runs, in spin"},
   };
   for (const auto& [user, kind, text] : cases) {
@@ -141,7 +144,7 @@ TEST_F(SameTest, OddThreadDrownsInItsPool) {
   std::string sections = User(100, {"libc:pthread_cond_wait", "finish"});
   for (int tid = 200; tid < 259; ++tid) sections += User(tid, {"libc:pthread_cond_wait", "idle"});
   sections += User(300, {"libc:recv", "fetch"});
-  const Incident incident = reader_.Read(kHeader + sections);
+  const Incident incident = Read(kHeader + sections);
   EXPECT_EQ(59u, incident.groups.at(0).tids.size());
   const Overview overview = MakeOverview(incident);
   ASSERT_EQ(1u, overview.others.size());
@@ -152,9 +155,9 @@ TEST_F(SameTest, OddThreadDrownsInItsPool) {
 
 TEST_F(SameTest, OtherSideOfADeadlockIsNotNamed) {
   const Incident incident =
-      reader_.Read(kHeader + User(100, {"libc:pthread_mutex_lock", "notify", "save"}) +
-                   User(101, {"libc:pthread_mutex_lock", "read", "add"}) + User(102, {"notify"}) +
-                   Kernel(103, {"do_wait"}));
+      Read(kHeader + User(100, {"libc:pthread_mutex_lock", "notify", "save"}) +
+           User(101, {"libc:pthread_mutex_lock", "read", "add"}) + User(102, {"notify"}) +
+           Kernel(103, {"do_wait"}));
   const Overview overview = MakeOverview(incident);
   ASSERT_EQ(2u, overview.related.size());
   EXPECT_EQ(Relation::kSameWait, overview.related[0].relation);

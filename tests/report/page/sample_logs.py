@@ -1,6 +1,5 @@
 """Incident logs, made up line by line as the library writes them."""
 
-import os
 import time
 
 LIBC = "/usr/lib/x86_64-linux-gnu/libc.so.6"
@@ -44,13 +43,6 @@ def log_text(threads, watch="transfer-money", program="bank_service", ms=FIRST_M
         lines += [f"  #{number:02} pc {0x1000 + 16 * sum(map(ord, function)):016x}  {module} ({function}+45)"
                   for number, (module, function) in enumerate(user)]
     return "\n".join(lines) + "\n"
-
-
-def write_log(directory, text, ms=FIRST_MS):
-    path = os.path.join(directory, f"quorvel@{ms}.log")
-    with open(path, "wb") as file:
-        file.write(text.encode())
-    return path
 
 
 def deadlock():
