@@ -90,7 +90,6 @@ TEST_F(ReaderTest, ThreadsAreOutOfOrderOrMixedUp) {
   EXPECT_EQ("do_wait+0x12/0x180", incident.threads[0].kernel.at(0));
   EXPECT_EQ("loop", incident.threads[1].user.at(0)->function);
   EXPECT_EQ("", incident.threads[2].failed);
-  EXPECT_EQ("gone", incident.threads[3].failed);
   EXPECT_EQ(0u, incident.problem_count);
 }
 

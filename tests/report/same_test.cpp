@@ -30,6 +30,7 @@ TEST(FunctionNameTest, BuildsDisagreeOnPlainNames) {
       {"worker()::{lambda(int)#2}::operator()(int) const", "worker::{lambda}"},
       {"worker()::$_12::operator()() const", "worker::{lambda}"},
       {"worker()::{lambda()#1}::_FUN()", "worker::{lambda}"},
+      {"worker()::$_1::__invoke()", "worker::{lambda}"},
       {"f()::$_0::operator()() const::{lambda()#1}::operator()() const", "f::{lambda}::{lambda}"},
       {"std::enable_if<is_invocable_r_v<void, f()::{lambda()#1}&>, void>::type "
        "std::__invoke_r<void, f()::{lambda()#1}&>(f()::{lambda()#1}&)",
@@ -124,6 +125,7 @@ TEST_F(SameTest, UserStackAloneGivesNoReason) {
        "condition",
        "waits for a condition, in pthread_cond_wait"},
       {{"libc:sem_wait", "work"}, "futex", "waits for a semaphore, in sem_wait"},
+      {{"libc:pthread_join", "work"}, "futex", "waits for a thread to end, in pthread_join"},
       {{"libc:__GI___poll", "work"}, "poll", "waits for events, in poll"},
       {{"libc:epoll_pwait", "work"}, "poll", "waits for events, in epoll_pwait"},
       {{"libc:__libc_recv", "work"}, "socket", "waits for data of a socket, in recv"},

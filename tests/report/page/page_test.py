@@ -194,9 +194,7 @@ class Pool(PageTest):
         boxes = "return document.querySelectorAll('.box').length"
         self.assertLess(self.browser.execute_script(boxes), 600)
         self.browser.click(".box[aria-label^='call_77_29,']")
-        shown = self.browser.texts(".box")
-        self.assertIn("call_77_0", shown)
-        self.assertIn("futex_wait", shown)
+        self.assertLessEqual({"call_77_0", "futex_wait"}, set(self.browser.texts(".box")))
 
     def test_time_is_told_in_utc_and_of_the_device(self):
         self.open(sample_logs.log_text({1: sample_logs.idle()}, utc_offset=5 * 3600 + 1800))
