@@ -6,16 +6,10 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/uio.h>
 #include <termios.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
-#include <string>
 #include <thread>
 #include <utility>
 
@@ -32,20 +26,6 @@ using testing::MatchesRegex;
 
 void Log(const std::string& text) {
   __android_log_print(ANDROID_LOG_ERROR, "TEST", "%s", text.c_str());
-}
-
-sigset_t BlockPipeSignal() {
-  sigset_t mask;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &mask, nullptr);
-  return mask;
-}
-
-bool PipeSignalIsPending() {
-  sigset_t pending;
-  sigpending(&pending);
-  return sigismember(&pending, SIGPIPE) == 1;
 }
 
 // Each test begins without the discarded lines of those before it and long after their waits, which
@@ -250,30 +230,26 @@ TEST_F(AndroidLog, AChildReportsNoLinesThatItsParentDiscarded) {
   EXPECT_THAT(ReadAll(), HasSubstr(" 1 lines of this log were discarded"));
 }
 
-TEST_F(AndroidLog, AReaderThatHasLeftEndsNothingAndLeavesNoSignal) {
+// Where none is pending before, one of the process, one of the thread.
+TEST_F(AndroidLog, AReaderThatHasLeftEndsNothingAndLeavesThePendingSignalAsItWas) {
   for (const bool old_kernel : {false, !Emulated()}) {
-    UsePipe();
-    close(reader_);
-    EXPECT_TRUE(InChild(old_kernel, [] {
-      Log("with the signal's default action");
-      BlockPipeSignal();
-      Log("with the signal blocked");
-      return !PipeSignalIsPending();
-    }));
-  }
-}
-
-TEST_F(AndroidLog, ASignalThatWasPendingBeforeIsPendingAfterwards) {
-  for (const bool to_process : {false, true}) {
-    UsePipe();
-    close(reader_);
-    EXPECT_TRUE(InChild(!Emulated(), [to_process] {
-      const sigset_t mask = BlockPipeSignal();
-      to_process ? kill(getpid(), SIGPIPE) : raise(SIGPIPE);
-      Log("into a pipe without a reader");
-      const timespec at_once = {0, 0};
-      return sigtimedwait(&mask, nullptr, &at_once) == SIGPIPE && !PipeSignalIsPending();
-    }));
+    for (const int target : {0, getpid(), -1}) {
+      UsePipe();
+      close(std::exchange(reader_, -1));
+      EXPECT_TRUE(InChild(old_kernel, [target] {
+        Log("with the signal's default action");
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+        if (target != 0) target > 0 ? kill(getpid(), SIGPIPE) : raise(SIGPIPE);
+        Log("with the signal blocked");
+        const timespec at_once = {0, 0};
+        const int before = target != 0 ? SIGPIPE : -1;
+        return sigtimedwait(&mask, nullptr, &at_once) == before &&
+               sigtimedwait(&mask, nullptr, &at_once) == -1;
+      })) << target;
+    }
   }
 }
 

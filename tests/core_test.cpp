@@ -128,12 +128,6 @@ TEST_F(Core, AnIdOutsideThePoolIsRefused) {
   EXPECT_EQ(Armed(), 1u);
 }
 
-TEST_F(Core, AFreeNodeAnswersToNoId) {
-  EXPECT_EQ(quorvel_update(0, 5), QUORVEL_INVALID_ID);
-  quorvel_end(0);
-  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(0)));
-}
-
 TEST_F(Core, AnEndedWatchIsGoneAtOnceAndEndedOnce) {
   const uint32_t id = Start(1);
   quorvel_end(id);
@@ -206,15 +200,6 @@ TEST_F(Core, ACollectedWatchCannotBeMovedOrEndedAnyMore) {
   EXPECT_EQ(trace_, "next ");
   EXPECT_TRUE(log_.Has(ReleasedAlready(own)) && log_.Has(ReleasedAlready(next)));
   EXPECT_EQ(Armed(), 0u);
-}
-
-TEST_F(Core, ASecondInitLeavesTheMonitorAndTheWatches) {
-  const uint32_t id = Start(5);
-  Pass();
-  quorvel_init();
-  EXPECT_EQ(threads_made_, 0);
-  EXPECT_EQ(quorvel_update(id, 5), id);
-  EXPECT_EQ(TicksUntilOneFires(), 6);
 }
 
 TEST_F(Core, AStartCountsBeforeItLooksForAWaitingMonitor) {
@@ -312,12 +297,13 @@ class CoreRecovery : public testing::Test {
   void ExpectExit(bool ends, bool is_vendor = false) {
     const auto recover = [&] {
       atexit([] { fputs("an exit handler of the host ran", stderr); });
-      LetLogReachDeathTest();
+      // Not by standard error itself: that is a file here, which the log leaves alone.
+      __android_log_set_logger([](const auto* message) { fputs(message->message, stderr); });
       QuorvelRecover(is_vendor);
       fputs("goes on", stderr);
       _exit(7);
     };
-    const char* const end = ends ? "exit process from quorvel\n$" : "goes on$";
+    const char* const end = ends ? "exit process from quorvel$" : "goes on$";
     EXPECT_EXIT(recover(), ExitedWithCode(ends ? 1 : 7), end);
   }
   void ExpectRecord(const std::string& before, const std::string& after) {
@@ -352,14 +338,6 @@ TEST_F(CoreRecovery, ADamagedRecordReadsAsFarAsItIsOne) {
   ExpectRecord("3abc,99def", "4,1763315480");
   ExpectRecord("-1,0", "-1,0");
   ExpectRecord("5,1763315479,0", "5,1763315479,0");
-}
-
-TEST_F(CoreRecovery, TheIncidentIsReportedBeforeTheExit) {
-  test_root::MakeEmptyDir("/data/log/dravik/");
-  test_root::SetProperty("dravik.event.12.config", "1");
-  const QuorvelTimeoutInfo info = {0, nullptr, 1, "n", kNow, nullptr, QUORVEL_FLAG_RECOVERY};
-  EXPECT_EXIT(QuorvelTimeoutResponse(info, false), ExitedWithCode(1), "");
-  EXPECT_NE(test_root::ReadFile(test_root::Path(test_root::kJournal)), "");
 }
 
 TEST_F(CoreRecovery, TheSwitchOfItsOwnSideAloneForbidsIt) {

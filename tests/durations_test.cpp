@@ -3,12 +3,11 @@
 #include <gmock/gmock.h>
 #include <quorvel/durations.hpp>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/fakes.h"
 #include "support/log_capture.h"
+#include "support/test_root.h"
 
 namespace {
 
@@ -38,14 +37,11 @@ class Durations : public testing::Test {
   }
 
   static std::string Printed() {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
+    const std::string path = test_root::Path("/durations.txt");
+    FILE* const out = fopen(path.c_str(), "w");
     quorvel::PrintDurations(out);
     fclose(out);
-    const std::string printed(text, size);
-    free(text);
-    return printed;
+    return test_root::ReadFile(path);
   }
 
   milliseconds now_{5000};

@@ -1,8 +1,6 @@
 // A frame's line, from frames of either shape that releases of the platform have.
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include "unwind/frame_fields.h"
 #include "unwind/unwindstack_wrapper.h"
 
@@ -73,28 +71,19 @@ TEST_F(FrameText, IsEmptyBeyondTheFrames) {
 struct MapInfo13 {
   uint64_t start() const { return 0x10; }
   uint64_t end() const { return 0x20; }
-  unwindstack::SharedString& name() { return name_; }
+  std::string name() const { return "/lib/y"; }
   uint64_t elf_start_offset() const { return 0x1000; }
-
-  unwindstack::SharedString name_ = "/lib/y";
 };
-struct Frame13 {
-  size_t num = 1;
-  uint64_t rel_pc = 0xdef;
-  uint64_t pc = 0;
-  uint64_t sp = 0;
-  unwindstack::SharedString function_name = "g";
-  uint64_t function_offset = 4;
+struct Frame13 : FrameFields {
   std::shared_ptr<MapInfo13> map_info;
 };
 
 TEST_F(FrameText, OfALaterPlatformsFrameReachesTheMappingThroughItsMapInfo) {
-  Frame13 frame;
-  EXPECT_EQ(::FrameText(MakeFrameFields(frame), false),
-            "  #01 pc 0000000000000def  <unknown> (g+4)");
+  Frame13 frame{fields_, nullptr};
+  EXPECT_EQ(::FrameText(MakeFrameFields(frame), false), "  #07 pc 0000000000000abc  <unknown>");
   frame.map_info = std::make_shared<MapInfo13>();
   EXPECT_EQ(::FrameText(MakeFrameFields(frame), false),
-            "  #01 pc 0000000000000def (offset 0x1000)  /lib/y (g+4)");
+            "  #07 pc 0000000000000abc (offset 0x1000)  /lib/y");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // What stands in for the device's services: properties, the event journal, the trace, paths, time.
 
 #include <cutils/trace.h>
-#include <device_path.h>
 #include <gmock/gmock.h>
 #include <kelvane.h>
 #include <sys/system_properties.h>
@@ -124,15 +123,6 @@ TEST_F(HostLayer, ATraceThatNobodySetUpIsNotMade) {
   atrace_begin(ATRACE_TAG_HAL << 1, "of another tag");
   atrace_end(ATRACE_TAG_HAL << 1);
   EXPECT_EQ(ReadFile(trace), "");
-}
-
-TEST_F(HostLayer, OnlyPathsUnderTheRootLoseIt) {
-  const std::string root = Path("");
-  EXPECT_EQ(DevicePath("/data"), root + "/data");
-  EXPECT_EQ(PathOnDevice(root + "/vendor/bin/x"), "/vendor/bin/x");
-  for (const std::string& path : {root, root + "x/vendor/bin/x", std::string("/vendor/bin/x")}) {
-    EXPECT_EQ(PathOnDevice(path), path);
-  }
 }
 
 // Runs itself.

@@ -29,28 +29,24 @@ class LogFile : public testing::Test {
  protected:
   LogFile() {
     for (const char* dir : {kLogDir, kVendorLogDir}) test_root::MakeEmptyDir(dir);
-    fakes.gettimeofday = [this] { return now_; };
+    fakes.gettimeofday = [this](timeval* now) { return *now = now_, 0; };
     fakes.usleep = [this](useconds_t micros) {
       pauses_.push_back(micros);
       if (in_pause_) in_pause_();
       return 0;
     };
   }
-  ~LogFile() override { Close(); }
+  ~LogFile() override { QuorvelDropLogInChild(); }
 
   // Begins an incident; its file's name, empty without one.
   std::string Begin(int flags = kLog, bool is_vendor = false) {
-    Close();
+    QuorvelDropLogInChild();
     pauses_.clear();
     QuorvelInitLog(flags, is_vendor);
     if (QuorvelGetLogFd() < 0) return "";
     const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(QuorvelGetLogFd()));
     EXPECT_EQ(path, fs::canonical(QuorvelLastLogPath()));
     return path.substr(path.rfind('/') + 1);
-  }
-  static void Close() {
-    close(QuorvelGetLogFd());
-    QuorvelSetLogFd(-1);
   }
   static void Touch(const std::string& name) { test_root::WriteFile(Path(name), ""); }
   static std::string Path(const std::string& name) { return test_root::Path(kLogDir + name); }
@@ -116,11 +112,11 @@ TEST_F(LogFile, NineOthersStayAndHiddenFilesDirectoriesAndLinksNeitherCountNorGo
 TEST_F(LogFile, TheLockIsHeldWhileTheNameIsDrawnAndGoneAfterwards) {
   for (int i = 10; i <= 21; ++i) Touch(std::to_string(i));  // the clean-up is no reason to lose it
   mode_t mode = 0;
-  fakes.gettimeofday = [&] {
+  fakes.gettimeofday = [&](timeval* now) {
     struct stat st = {};
     EXPECT_EQ(stat(Path(".lock").c_str(), &st), 0);
     mode = st.st_mode & 07777;
-    return now_;
+    return *now = now_, 0;
   };
   const mode_t old_mask = umask(0);
   Begin();

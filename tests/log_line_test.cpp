@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvel/quorvel.h>
-#include <unistd.h>
 
 #include "log/quorvel_log.h"
 #include "support/log_capture.h"
@@ -25,10 +24,7 @@ class LogLine : public testing::Test {
     QuorvelBeginLog(kLog);
     QuorvelSetLogFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   }
-  ~LogLine() override {
-    close(QuorvelGetLogFd());
-    QuorvelSetLogFd(-1);
-  }
+  ~LogLine() override { QuorvelDropLogInChild(); }
   static void Fill(size_t length) {
     QuorvelClearLog();
     while (QuorvelLogLength() < length) QuorvelAppendLog("f", 1);
@@ -96,8 +92,7 @@ TEST_F(LogLine, StaysInTheAndroidLogWithoutTheFlagOrAFile) {
   QuorvelPrintLine("without the flag");
   EXPECT_STREQ(QuorvelLogText(), "");
   QuorvelBeginLog(kLog);
-  close(QuorvelGetLogFd());
-  QuorvelSetLogFd(-1);
+  QuorvelDropLogInChild();
   QuorvelPrintLine("without a file");
   EXPECT_STREQ(QuorvelLogText(), "");
   EXPECT_EQ(log_.Lines("W/QUORVEL: "), Texts({"without the flag", "without a file"}));

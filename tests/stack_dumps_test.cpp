@@ -1,14 +1,12 @@
 // The kernel and user stacks of an incident, and the threads whose stacks these are.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <quorvel/quorvel.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 
 #include <filesystem>
 
 #include "log/kernel_backtrace.h"
-#include "log/proctid.h"
 #include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
 #include "support/child.h"
@@ -44,10 +42,7 @@ class StackDumps : public testing::Test {
     }
     std::sort(tids_.begin() + 1, tids_.end());
   }
-  ~StackDumps() override {
-    close(QuorvelGetLogFd());
-    QuorvelSetLogFd(-1);
-  }
+  ~StackDumps() override { QuorvelDropLogInChild(); }
 
   static constexpr size_t kBuffer = 4095;  // characters
 
@@ -112,8 +107,7 @@ TEST_F(StackDumps, AWatchedThreadThatIsGoneHasALineAndTheOthersFollow) {
 }
 
 TEST_F(StackDumps, WithoutAFileNoUserStackAndOneKernelStackIsWritten) {
-  close(QuorvelGetLogFd());
-  QuorvelSetLogFd(-1);
+  QuorvelDropLogInChild();
   QuorvelUserBacktrace(watched_.tid());
   EXPECT_THAT(log_.Lines(), testing::IsEmpty());
   QuorvelKernBacktrace(watched_.tid());
@@ -162,43 +156,6 @@ TEST_P(StackDumpsDumpable, IsAsBeforeInAChildForkedMeanwhile) {
     return -1;
   };
   QuorvelKernBacktrace(watched_.tid());
-}
-
-// A directory of tasks with one entry.
-class StackDumpsTask : public testing::Test {
- protected:
-  bool List(const std::string& name) {
-    tids_.clear();
-    log_.Clear();
-    test_root::RemoveTree("/fake");
-    test_root::MakeEmptyDir("/fake/task/" + name);
-    const android::base::unique_fd fd(open(test_root::Path("/fake").c_str(), O_RDONLY));
-    errno = 0;
-    return GetProcessTidsFromProcPidFd(fd, &tids_);
-  }
-
-  std::set<int> tids_;
-  LogCapture log_;
-};
-
-TEST_F(StackDumpsTask, IsReadAsAnyCIntegerThatIsAThreadId) {
-  const std::pair<const char*, int> ids[] = {
-      {"42", 42}, {" 43", 43}, {"0x1f", 31}, {"007", 7}, {"2147483647", INT_MAX}};
-  for (const auto& [name, tid] : ids) {
-    EXPECT_TRUE(List(name)) << name;
-    EXPECT_THAT(tids_, ElementsAre(tid));
-  }
-}
-
-TEST_F(StackDumpsTask, OfAnotherNameIsAFailureWithItsName) {
-  const std::pair<const char*, int> names[] = {
-      {"0", ERANGE}, {"-1", ERANGE}, {"2147483648", ERANGE}, {"0x", EINVAL}, {"12abc", EINVAL}};
-  for (const auto& [name, error] : names) {
-    EXPECT_FALSE(List(name)) << name;
-    EXPECT_EQ(errno, error) << name;
-    EXPECT_THAT(tids_, testing::IsEmpty());
-    EXPECT_TRUE(log_.Has(std::string("failed to parse task id: ") + name));
-  }
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
 // The frames of a stack, against what a debugger and the code itself say, and of stacks and files
 // that lie.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <link.h>
-#include <poll.h>
 #include <setjmp.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 
 #include <algorithm>
 #include <sstream>
@@ -432,11 +429,6 @@ TEST_F(StackFramesOfRegisters, HaveAFunctionsNameUpToItsLastByte) {
   UnwindFrom(end, sp_, 0);
   EXPECT_NE(Name(frames_, 0), "plugin_call_a");
   dlclose(library);
-}
-
-TEST_F(StackFramesOfRegisters, OfAFileThatIsNoImageCountFromItsStart) {
-  UnwindFrom(MapSecondPage(std::string(2 * page_, '\0')) + 16, sp_, 0);
-  EXPECT_EQ(frames_[0].rel_pc, page_ + 16);
 }
 
 // Which gives the list of mappings only as text, here one of some 400 KiB.

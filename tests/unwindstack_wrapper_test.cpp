@@ -88,14 +88,6 @@ TEST_F(UnwindstackWrapper, TheCallingThreadNeedsNoSignal) {
   ActionOfSignal33(&before);
 }
 
-TEST_F(UnwindstackWrapper, AContextIsUnwoundInPlaceOfTheThread) {
-  ParkedThread thread(Sleep);
-  ucontext_t here;
-  ASSERT_EQ(getcontext(&here), 0);
-  EXPECT_TRUE(unwinder_.unwind(thread.tid(), &here, 64));
-  EXPECT_THAT(Name(frames_, 0), HasSubstr("AContextIsUnwound"));
-}
-
 TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntryAndTheHostsAction) {
   const KernelAction before = InstallHostsAction();
   ParkedThread gone([](const auto&) {});
@@ -108,14 +100,6 @@ TEST_F(UnwindstackWrapper, AThreadThatIsGoneIsAFailureAtOnceAndLeavesNoEntryAndT
   EXPECT_EQ(unwinder_.error, "");
   EXPECT_EQ(Entry::list_, list);
   EXPECT_EQ(ActionOfSignal33(&before), hosts_);
-}
-
-TEST_F(UnwindstackWrapper, AFailureKeepsTheFramesOfTheLastSuccess) {
-  ASSERT_TRUE(unwinder_.unwind(gettid(), nullptr, 2));
-  EXPECT_FALSE(unwinder_._unwind_ucontext_with_reg(nullptr));
-  EXPECT_EQ(unwinder_.error, "Fail to get registers");
-  EXPECT_EQ(frames_.size(), 2u);
-  EXPECT_EQ(unwinder_.num_frames, 2u);
 }
 
 TEST_F(UnwindstackWrapper, TheActionOfTheSignalIsRestoredAfterAnAnswer) {

@@ -4,7 +4,6 @@
 #include <device_path.h>
 #include <gmock/gmock.h>
 #include <kelvane.h>
-#include <poll.h>
 #include <sched.h>
 #include <sys/auxv.h>
 #include <sys/mount.h>
@@ -45,7 +44,7 @@ class Incident : public testing::Test {
     test_root::SetProperty("debug.atrace.tags.enableflags", "0x800");
     test_root::WriteFile(test_root::Path("/sys/kernel/tracing/trace_marker"), "");
     fakes.time = [] { return now_; };
-    fakes.gettimeofday = [this] { return timeval{now_, 1000 * millisecond_++}; };
+    fakes.gettimeofday = [this](timeval* now) { return *now = {now_, 1000 * millisecond_++}, 0; };
     fakes.usleep = [this](useconds_t) { return ++pauses_, 0; };
     FillLogDir();
   }

@@ -12,14 +12,10 @@
 #include <ucontext.h>
 
 #include <deque>
-#include <thread>
 
-#include "log/incident_close.h"
+#include "core/timeout_response.h"
 #include "log/incident_header.h"
-#include "log/kernel_backtrace.h"
 #include "log/log_file.h"
-#include "log/quorvel_log.h"
-#include "log/user_backtrace.h"
 #include "stress/storm.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
@@ -29,7 +25,6 @@
 namespace {
 
 std::atomic<bool> g_running{true};
-int g_pipe[2];
 
 void Compute(int turns) {
   for (int i = 0; i < turns; ++i) asm volatile("" ::: "memory");
@@ -122,11 +117,6 @@ const struct Kind {
        EXPECT_TRUE(unwinder.unwind(getpid(), nullptr, 64)) << unwinder.error;
        std::this_thread::sleep_for(std::chrono::seconds(3));  // the incident has waited
      }},
-    {"waits in read", true,
-     [] {
-       char c = 0;
-       EXPECT_TRUE(read(g_pipe[0], &c, 1) == 1 && c == 'x') << "not restarted";
-     }},
 };
 
 struct Hostile {
@@ -151,14 +141,10 @@ struct Hostile {
   std::thread thread{&Hostile::RunHostile, this};
 };
 
-// The whole response to an expired watch, but for its rate limit. The text of its log.
+// The whole response to an expired watch. The text of its log.
 std::string MakeIncident(int tid) {
-  QuorvelInitLog(kStacks, false);
-  QuorvelInsertLogTitle(tid, "storm", time(nullptr));
-  QuorvelFlushLog();
-  QuorvelKernBacktrace(tid);
-  QuorvelUserBacktrace(tid);
-  QuorvelEndLog();
+  QuorvelResetResponseInChild();  // no incident is one too many
+  QuorvelTimeoutResponse({0, nullptr, tid, "storm", time(nullptr), nullptr, kStacks}, false);
   return test_root::ReadFile(QuorvelLastLogPath());
 }
 
@@ -173,7 +159,6 @@ class IncidentStorm : public testing::Test {
     action.sa_handler = [](int) { Compute(100000); };
     action.sa_flags = SA_ONSTACK | SA_RESTART;
     EXPECT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-    EXPECT_EQ(pipe(g_pipe), 0);
     quorvel_init();
     for (const Kind& kind : kKinds) {
       if (kThreadSanitizer && !kind.under_tsan) continue;
@@ -185,15 +170,11 @@ class IncidentStorm : public testing::Test {
   }
   ~IncidentStorm() override {
     g_running = false;
-    Feed();
     for (Hostile& thread : threads_) {
       thread.thread.join();
       EXPECT_GT(thread.steps, 1) << thread.kind.name;
     }
   }
-
-  // For those who wait in read.
-  static void Feed() { EXPECT_EQ(write(g_pipe[1], "xxxxxxxxxxxxxxxxxxxx", 20), 20); }
 
   void ExpectAllAccountedFor(const std::string& text) const {
     for (const Hostile& thread : threads_) {
@@ -218,7 +199,6 @@ TEST_F(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) 
   size_t incidents = 0;
   for (; Clock::now() < end && !HasFailure(); ++incidents) {
     alarm(kHang);
-    Feed();
     ExpectAllAccountedFor(MakeIncident(threads_[incidents % threads_.size()].tid));
   }
   printf("%zu incidents with %zu hostile threads, %d partings\n", incidents, threads_.size(),

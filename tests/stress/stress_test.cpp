@@ -9,36 +9,17 @@
 
 #include <random>
 #include <set>
-#include <thread>
 
 #include "core/watch_registry.h"
 #include "stress/storm.h"
+#include "support/parked_thread.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"
 
 namespace {
 
-std::atomic<bool> g_running{true};
-
-NOINLINE void AwaitEnd(void* began) {
-  *static_cast<std::atomic<int>*>(began) = gettid();
-  while (g_running) usleep(2000);
-}
-
-std::vector<std::string> Logs() {
-  std::vector<std::string> texts;
-  for (const std::string& name : test_root::List(test_root::kLogDir)) {
-    if (name[0] != '.')
-      texts.push_back(test_root::ReadFile(test_root::Path(test_root::kLogDir + name)));
-  }
-  return texts;
-}
-
 TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
-  g_running = true;
-  std::atomic<int> tid{0};
-  std::thread thread(AwaitEnd, &tid);
-  while (tid == 0) sched_yield();
+  const ParkedThread older(Sleep);
   test_root::MakeEmptyDir(test_root::kLogDir);
   void* const library = dlopen(QUORVEL_LIBRARY, RTLD_NOW);
   ASSERT_NE(library, nullptr) << dlerror();
@@ -48,15 +29,16 @@ TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
   reinterpret_cast<decltype(&__quorvel_start_ex)>(start)("late", 1, nullptr, nullptr, kStacks);
   dlclose(library);  // it stays
   std::string section;
-  for (int i = 0; i < 1000 && section.find("AwaitEnd") == std::string::npos; ++i) {
+  for (int i = 0; i < 1000 && section.find("ParkedThread") == std::string::npos; ++i) {
     usleep(10000);
     EXPECT_TRUE(kThreadSanitizer || setgid(getgid()) == 0);  // signals every thread
-    if (!Logs().empty()) section = SectionOf(tid, Logs()[0]);
+    for (const std::string& name : test_root::List(test_root::kLogDir)) {
+      const std::string log = test_root::Path(test_root::kLogDir + name);
+      section = SectionOf(older.tid(), test_root::ReadFile(log));
+    }
   }
   EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "too early";
-  EXPECT_NE(section.find("AwaitEnd"), std::string::npos) << section;
-  g_running = false;
-  thread.join();
+  EXPECT_NE(section.find("ParkedThread"), std::string::npos) << section;
 }
 
 // The registry's storm: 16 threads start, move and end watches, each other's too, while the real

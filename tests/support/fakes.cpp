@@ -17,19 +17,13 @@ extern "C" {
 FAKE(time_t, time, (time_t * out), (), (out))
 FAKE(int, usleep, (useconds_t micros), (micros), (micros))
 FAKE(unsigned, sleep, (unsigned seconds), (seconds), (seconds))
+FAKE(int, gettimeofday, (timeval * now, void* zone), (now), (now, zone))
 FAKE(int, clock_gettime, (clockid_t clock, timespec* now), (clock, now), (clock, now))
 FAKE(int, pthread_create,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* arg),
      (body), (thread, attributes, body, arg))
 FAKE(const char*, getprogname, (), (), ())
 FAKE(int, DravikGetStack, (int tid, char* buffer), (tid, buffer), (tid, buffer))
-
-int __real_gettimeofday(timeval* now, void* zone);
-int __wrap_gettimeofday(timeval* now, void* zone) {
-  if (!fakes.gettimeofday) return __real_gettimeofday(now, zone);
-  *now = fakes.gettimeofday();
-  return 0;
-}
 
 }  // extern "C"
 

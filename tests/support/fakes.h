@@ -11,7 +11,7 @@
 
 struct Fakes {
   std::function<time_t()> time;
-  std::function<timeval()> gettimeofday;
+  std::function<int(timeval*)> gettimeofday;
   std::function<int(useconds_t)> usleep;
   std::function<unsigned(unsigned)> sleep;
   std::function<int(clockid_t, timespec*)> clock_gettime;

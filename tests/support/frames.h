@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
 #include "support/test_root.h"
 #include "unwind/unwindstack_wrapper.h"
 

@@ -4,8 +4,6 @@
 #define QUORVEL_TESTS_SUPPORT_LOG_CAPTURE_H_
 
 #include <android/log.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -22,11 +20,5 @@ class LogCapture {
   bool Has(const std::string& text) const;
   void Clear();
 };
-
-// For a death test that looks at the log: there standard error is a plain file that took the number
-// of the real one, which the log does not write to unless it is open for appending.
-inline void LetLogReachDeathTest() {
-  fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
-}
 
 #endif  // QUORVEL_TESTS_SUPPORT_LOG_CAPTURE_H_

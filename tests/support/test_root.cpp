@@ -77,11 +77,12 @@ std::string OwnCommand(const std::string& filter) {
 
 }  // namespace test_root
 
-// The library reads its root before main runs, so it has to be there earlier still. The C++ library
-// is ready by then; the objects of this program are not.
+// The library reads its root and the time zone before main runs, so they have to be there earlier
+// still. The C++ library is ready by then; the objects of this program are not.
 static bool g_own_root;
 __attribute__((constructor(101))) static void EnterOwnRoot() {
   constexpr char kMark[] = "/.made-by-a-test";
+  setenv("TZ", "QVT-5:30", 1);  // local time is told from UTC
   const char* given = getenv("QUORVEL_HOST_ROOT");
   if (given != nullptr && fs::exists(std::string(given) + kMark)) return;
   std::string root = fs::temp_directory_path() / "quorvel-test-XXXXXX";
