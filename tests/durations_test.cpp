@@ -126,11 +126,10 @@ TEST_F(Durations, EveryBucketEndsWhereTheNextBegins) {
 }
 
 TEST_F(Durations, ThreadsThatRecordAtOnceLoseNothing) {
-  constexpr int kThreads = 4, kTurns = 500;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([] {
-      for (int turn = 0; turn < kTurns; ++turn) const MeasuredWatch watch("work", seconds(60));
+  std::thread threads[4];
+  for (std::thread& thread : threads) {
+    thread = std::thread([] {
+      for (int turn = 0; turn < 500; ++turn) const MeasuredWatch watch("work", seconds(60));
     });
   }
   for (std::thread& thread : threads) thread.join();

@@ -50,12 +50,6 @@ class Incident : public testing::Test {
         {0x20a, callback_ ? call : nullptr, gettid(), "100% of %s", now_ - 9, &callback_, flags},
         false);
   }
-  std::string Fingerprint() {
-    log_.Clear();
-    QuorvelInsertLogTitle(42, nullptr, now_);
-    const Texts lines = log_.Lines("W/QUORVEL: Build fingerprint: ");
-    return lines.size() == 1 ? lines[0] : "";
-  }
   static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
   std::string Event(const std::string& command, const std::string& message) const {
     return "{\"id\":12,\"pid\":" + std::to_string(getpid()) + ",\"time\":" + std::to_string(now_) +
@@ -184,9 +178,12 @@ TEST_F(Incident, FingerprintIsMadeOfItsPartsInOrder) {
                                "ro.product.device", "ro.build.version.release",
                                "ro.build.id",       "ro.build.version.incremental",
                                "ro.build.type",     "ro.build.tags"};
-  EXPECT_EQ(Fingerprint(), "unknown/unknown/unknown:unknown/unknown/unknown:unknown/unknown\n");
+  QuorvelInsertLogTitle(42, nullptr, kNow);
   for (const char* part : parts) SetProperty(part, strrchr(part, '.'));
-  EXPECT_EQ(Fingerprint(), ".brand/.name/.device:.release/.id/.incremental:.type/.tags\n");
+  QuorvelInsertLogTitle(42, nullptr, kNow);
+  EXPECT_EQ(log_.Lines("W/QUORVEL: Build fingerprint: "),
+            Texts({"unknown/unknown/unknown:unknown/unknown/unknown:unknown/unknown\n",
+                   ".brand/.name/.device:.release/.id/.incremental:.type/.tags\n"}));
 }
 
 TEST_F(Incident, WithoutAProgramsNameHasItsPathAndNoEvent) {

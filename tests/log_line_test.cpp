@@ -25,10 +25,6 @@ class LogLine : public testing::Test {
     QuorvelSetLogFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   }
   ~LogLine() override { QuorvelDropLogInChild(); }
-  static void Fill(size_t length) {
-    QuorvelClearLog();
-    while (QuorvelLogLength() < length) QuorvelAppendLog("f", 1);
-  }
   std::string File() const { return test_root::ReadFile(path_); }
 
   const std::string path_ = test_root::Path("/lines.txt");
@@ -62,7 +58,7 @@ TEST_F(LogLine, ThatIsLongerIsReportedAndNeverCut) {
 }
 
 TEST_F(LogLine, ThatDoesNotFitIsDroppedWholeAndAShorterOneStillFits) {
-  Fill(4000);
+  while (QuorvelLogLength() < 4000) QuorvelAppendLog("f", 1);
   QuorvelPrintLine("%s", Xs(95).c_str());
   EXPECT_EQ(QuorvelLogLength(), 4000u);
   EXPECT_EQ(log_.Lines("E/"), Texts{"QUORVEL: log too long, drop '" + Xs(95) + "\n'"});

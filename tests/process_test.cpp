@@ -63,11 +63,6 @@ class Process : public testing::Test {
     const QuorvelMutexLock lock(&g_wake_up.lock);
     return g_wake_up.waiting != 0;
   }
-  void StartMonitorAndAwaitIdle(int sleeps) {
-    allowed_sleeps_ = sleeps;
-    quorvel_init();
-    AwaitIdleMonitor();
-  }
   static void AwaitIdleMonitor() {
     while (!MonitorWaits()) std::this_thread::yield();
   }
@@ -104,7 +99,9 @@ TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
 
 TEST_F(Process, AMonitorIdleAfterThreeTicksIsWokenByABurstOfStartsOnceForFour) {
   ExpectEndsWell([&] {
-    StartMonitorAndAwaitIdle(3);
+    allowed_sleeps_ = 3;
+    quorvel_init();
+    AwaitIdleMonitor();
     for (int i = 0; i < 3; ++i) Start(1);
     AwaitSleep(4);
     EXPECT_FALSE(MonitorWaits());

@@ -24,6 +24,10 @@
 
 namespace {
 
+#define NOINLINE __attribute__((noinline))
+
+constexpr uint32_t kStacks = QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE;
+
 std::atomic<bool> g_running{true};
 
 void Compute(int turns) {
@@ -141,6 +145,15 @@ struct Hostile {
   std::thread thread{&Hostile::RunHostile, this};
 };
 
+// The one section of a thread's user stack in an incident's text, from its first line to the next
+// empty one; empty if there is none or more than one.
+std::string SectionOf(int tid, const std::string& text) {
+  const std::string header = "\n\ntid = " + std::to_string(tid) + "\n  #00 ";
+  const size_t at = text.find(header);
+  if (at == std::string::npos || text.find(header, at + 1) != std::string::npos) return "";
+  return text.substr(at, text.find("\n\n", at + 2) - at);
+}
+
 // The whole response to an expired watch. The text of its log.
 std::string MakeIncident(int tid) {
   QuorvelResetResponseInChild();  // no incident is one too many
@@ -205,6 +218,29 @@ TEST_F(IncidentStorm, EveryThreadIsAccountedForAndGoesOnAsIfNothingHadHappened) 
          partings_.load());
   // Sanitizers are slow enough for five seconds to pass in an exchange if the machine is loaded.
   EXPECT_TRUE(SANITIZED || partings_ == 0);
+}
+
+TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
+  const ParkedThread older(Sleep);
+  test_root::MakeEmptyDir(test_root::kLogDir);
+  void* const library = dlopen(QUORVEL_LIBRARY, RTLD_NOW);
+  ASSERT_NE(library, nullptr) << dlerror();
+  reinterpret_cast<decltype(&quorvel_init)>(dlsym(library, "quorvel_init"))();
+  void* const start = dlsym(library, "__quorvel_start_ex");
+  const auto begin = std::chrono::steady_clock::now();
+  reinterpret_cast<decltype(&__quorvel_start_ex)>(start)("late", 1, nullptr, nullptr, kStacks);
+  dlclose(library);  // it stays
+  std::string section;
+  for (int i = 0; i < 1000 && section.find("ParkedThread") == std::string::npos; ++i) {
+    usleep(10000);
+    EXPECT_TRUE(kThreadSanitizer || setgid(getgid()) == 0);  // signals every thread
+    for (const std::string& name : test_root::List(test_root::kLogDir)) {
+      const std::string log = test_root::Path(test_root::kLogDir + name);
+      section = SectionOf(older.tid(), test_root::ReadFile(log));
+    }
+  }
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "too early";
+  EXPECT_NE(section.find("ParkedThread"), std::string::npos) << section;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// The library in the company of threads older than it, and watches in the hands of many threads.
-
+// 16 threads start, move and end watches, each other's too, while the real monitor thread ticks as
+// fast as it can and goes idle whenever nothing is left to fire.
 #include <android/log.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <quorvel/quorvel.h>
 #include <sched.h>
@@ -9,40 +8,12 @@
 
 #include <random>
 #include <set>
+#include <thread>
 
 #include "core/watch_registry.h"
 #include "stress/storm.h"
-#include "support/parked_thread.h"
-#include "support/surroundings.h"
-#include "support/test_root.h"
 
 namespace {
-
-TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
-  const ParkedThread older(Sleep);
-  test_root::MakeEmptyDir(test_root::kLogDir);
-  void* const library = dlopen(QUORVEL_LIBRARY, RTLD_NOW);
-  ASSERT_NE(library, nullptr) << dlerror();
-  reinterpret_cast<decltype(&quorvel_init)>(dlsym(library, "quorvel_init"))();
-  void* const start = dlsym(library, "__quorvel_start_ex");
-  const auto begin = std::chrono::steady_clock::now();
-  reinterpret_cast<decltype(&__quorvel_start_ex)>(start)("late", 1, nullptr, nullptr, kStacks);
-  dlclose(library);  // it stays
-  std::string section;
-  for (int i = 0; i < 1000 && section.find("ParkedThread") == std::string::npos; ++i) {
-    usleep(10000);
-    EXPECT_TRUE(kThreadSanitizer || setgid(getgid()) == 0);  // signals every thread
-    for (const std::string& name : test_root::List(test_root::kLogDir)) {
-      const std::string log = test_root::Path(test_root::kLogDir + name);
-      section = SectionOf(older.tid(), test_root::ReadFile(log));
-    }
-  }
-  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "too early";
-  EXPECT_NE(section.find("ParkedThread"), std::string::npos) << section;
-}
-
-// The registry's storm: 16 threads start, move and end watches, each other's too, while the real
-// monitor thread ticks as fast as it can and goes idle whenever nothing is left to fire.
 
 std::atomic<bool> g_fast_ticks{false};
 std::atomic<uintptr_t> g_tried{0};
