@@ -1,5 +1,6 @@
 // The Android log on standard error, and what it must not do to the process whose it is.
 
+#include <android-base/stringprintf.h>
 #include <android/log.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -96,9 +97,7 @@ TEST_F(AndroidLog, EveryLineOfAMessageHasTheLocalTimeTheIdsThePriorityAndTheTag)
   __android_log_print(ANDROID_LOG_WARN, "A_LONGER_TAG", "two\n");
   char minutes[32];
   strftime(minutes, sizeof(minutes), "%m-%d %H:%M", localtime(&now));
-  std::string ids(16, '\0');
-  ids.resize(static_cast<size_t>(
-      snprintf(&ids[0], ids.size(), "%5d %5d", getpid(), static_cast<int>(syscall(SYS_gettid)))));
+  const std::string ids = android::base::StringPrintf("%5d %5d", getpid(), gettid());
   const std::string text = ReadAll(), prefix = ":[0-9][0-9].[0-9][0-9][0-9] " + ids;
   const std::string info = ".*" + prefix + " I TEST    : ";
   EXPECT_THAT(text, MatchesRegex(info + "one\n" + info + "\n" + info + "3\n.*" + prefix +

@@ -1,6 +1,7 @@
 // The watch calls and the monitor's ticks, which the test steps itself; the sleep; the recovery
 // limit.
 
+#include <android-base/stringprintf.h>
 #include <gmock/gmock.h>
 #include <limits.h>
 #include <quorvel/quorvel.h>
@@ -16,6 +17,7 @@
 
 namespace {
 
+using android::base::StringPrintf;
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::IsEmpty;
@@ -43,9 +45,7 @@ class Core : public testing::Test {
   static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
   static uint32_t IndexOf(uint32_t id) { return id % 512; }
   static std::string ReleasedAlready(uint32_t id) {
-    char text[80];
-    snprintf(text, sizeof(text), "E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", id);
-    return text;
+    return StringPrintf("E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", id);
   }
 
   void Pass() { QuorvelMonitorPass(&monitor_); }

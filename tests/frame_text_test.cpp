@@ -20,11 +20,6 @@ class FrameText : public testing::Test {
   FrameFields fields_;
 };
 
-TEST_F(FrameText, HasTheMapAndNothingForAFunctionWithoutAName) {
-  fields_.function_offset = 12;
-  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x");
-}
-
 TEST_F(FrameText, OfNoMappingIsUnknownWhateverItsName) {
   fields_.map_end = fields_.map_start;
   fields_.map_elf_start_offset = 0x1000;
@@ -40,11 +35,13 @@ TEST_F(FrameText, OfAMappingWithoutANameHasItsStart) {
   EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  <anonymous:1f>");
 }
 
-TEST_F(FrameText, HasTheMangledFunctionAndItsOffsetUnlessThatIsZero) {
-  fields_.function_name = "_Z1fv";
-  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv)");
+TEST_F(FrameText, HasTheMangledFunctionAndItsOffsetWhereThereIsOne) {
   fields_.function_offset = 1;
+  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x");
+  fields_.function_name = "_Z1fv";
   EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv+1)");
+  fields_.function_offset = 0;
+  EXPECT_EQ(Text(), "  #07 pc 0000000000000abc  /lib/x (_Z1fv)");
 }
 
 TEST_F(FrameText, Of32BitsHasAShortPc) {

@@ -66,21 +66,14 @@ TEST_F(LogLine, ThatDoesNotFitIsDroppedWholeAndAShorterOneStillFits) {
   EXPECT_EQ(QuorvelLogLength(), 4095u);
 }
 
-TEST_F(LogLine, GetsANewlineOnlyInTheFileAndOnlyIfItHasNone) {
+TEST_F(LogLine, GetsANewlineOnlyInTheFileOfItsIncidentAndOnlyIfItHasNone) {
   QuorvelPrintLine("one");
   QuorvelPrintLine("two\n");
   QuorvelFlushLog();
-  EXPECT_EQ(File(), "one\ntwo\n");
-  EXPECT_EQ(log_.Lines(), Texts({"W/QUORVEL: one", "W/QUORVEL: two\n"}));
-}
-
-TEST_F(LogLine, IsWrittenByEveryFlushUntilTheBufferIsCleared) {
-  QuorvelPrintLine("again");
-  QuorvelFlushLog();
-  QuorvelFlushLog();
   QuorvelBeginLog(kLog);
   QuorvelFlushLog();
-  EXPECT_EQ(File(), "again\nagain\n");
+  EXPECT_EQ(File(), "one\ntwo\n");
+  EXPECT_EQ(log_.Lines(), Texts({"W/QUORVEL: one", "W/QUORVEL: two\n"}));
 }
 
 TEST_F(LogLine, StaysInTheAndroidLogWithoutTheFlagOrAFile) {
