@@ -132,9 +132,11 @@ TEST_F(Core, AnEndedWatchIsGoneAtOnceAndEndedOnce) {
   const uint32_t id = Start(1);
   quorvel_end(id);
   EXPECT_EQ(Armed(), 0u);
-  EXPECT_EQ(quorvel_update(id, 1), QUORVEL_INVALID_ID);
-  quorvel_end(id);
-  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(id)));
+  for (const uint32_t gone : {id, 0u}) {  // 0: the first id of all, and what a cleared node holds
+    EXPECT_EQ(quorvel_update(gone, 1), QUORVEL_INVALID_ID);
+    quorvel_end(gone);
+  }
+  EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(id), ReleasedAlready(0)));
   EXPECT_EQ(Armed(), 0u);
   EXPECT_EQ(TicksUntilOneFires(), 0);
 }

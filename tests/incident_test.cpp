@@ -51,9 +51,9 @@ class Incident : public testing::Test {
         false);
   }
   static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
-  std::string Event(const std::string& command, const std::string& message) const {
+  std::string Event(const std::string& message) const {
     return "{\"id\":12,\"pid\":" + std::to_string(getpid()) + ",\"time\":" + std::to_string(now_) +
-           ",\"command\":\"" + command + "\",\"message\":\"" + message + "\"}\n";
+           ",\"command\":\"\",\"message\":\"" + message + "\"}\n";
   }
 
   time_t now_ = kNow;
@@ -99,7 +99,7 @@ TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
   const std::string text = ReadFile(path_);
   Respond(0);
   EXPECT_TRUE(log_.Has("timeout function: ") && !log_.Has("stack"));
-  const std::string event = Event("", "app," + path_);  // the file that was opened last
+  const std::string event = Event("app," + path_);  // the file that was opened last
   EXPECT_EQ(Journal(), event + event);
   EXPECT_EQ(ReadFile(path_), text);
 }
@@ -114,11 +114,6 @@ TEST_F(Incident, HasItsFileAlsoWhereThatIsDescriptorZero) {
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
   };
   EXPECT_EQ(StatusInChild(in_child), 0);
-}
-
-TEST_F(Incident, AsksForTheSystemsTraceOnlyUnderItsFlag) {
-  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_SYSTRACE);
-  EXPECT_EQ(Journal(), Event("Z=copy_systrace_to_cache+quorvel+app", "app," + path_));
 }
 
 TEST_F(Incident, ClosesItsFileAndNoOther) {
