@@ -21,6 +21,7 @@
 #include <chrono>
 
 #include "core/timeout_response.h"
+#include "descend.h"
 #include "log/log_file.h"
 #include "log/quorvel_log.h"
 #include "unwind/unwindstack_wrapper_thread.h"
@@ -122,19 +123,7 @@ WRAPPED(time_t, Time, "time", time_t* out) {
 
 namespace {
 
-std::atomic<int> g_ready{0};
 std::atomic<int> g_watched{0};
-
-template <int kDepth>
-__attribute__((noinline)) void Descend() {
-  if constexpr (kDepth > 1) {
-    Descend<kDepth - 1>();
-  } else {
-    ++g_ready;
-    for (;;) pause();
-  }
-  __asm__ volatile("");  // no tail call
-}
 
 void* Body(void* index) {
   if (index == nullptr) g_watched = gettid();

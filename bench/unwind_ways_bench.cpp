@@ -24,6 +24,7 @@
 #include <chrono>
 #include <vector>
 
+#include "descend.h"
 #include "unwind/unwindstack_wrapper.h"
 
 namespace {
@@ -37,21 +38,9 @@ constexpr int kMaxRounds = 1000;
 constexpr int kNameSize = 256;
 constexpr int kSignal = SIGUSR2;
 
-std::atomic<int> g_ready{0};
 std::atomic<int> g_tids[kThreads];
 sem_t g_done;
 int g_frames = 0;  // of the latest unwind in a handler
-
-template <int kDepth>
-__attribute__((noinline)) void Descend() {
-  if constexpr (kDepth > 1) {
-    Descend<kDepth - 1>();
-  } else {
-    ++g_ready;
-    for (;;) pause();
-  }
-  __asm__ volatile("");  // no tail call
-}
 
 void* Body(void* index) {
   g_tids[reinterpret_cast<intptr_t>(index)] = gettid();
