@@ -48,7 +48,7 @@ void ChargeWait(int64_t begin, int64_t end) {
   }
 }
 
-enum class Kind { kNotOurs, kPipe, kTerminal, kSocket, kOther };
+enum class Kind { kNotOurs, kPipe, kTerminal, kDevice, kSocket, kFile };
 
 struct stat StandardErrorNow() {
   struct stat now = {};
@@ -64,9 +64,21 @@ bool IsAsAtLoad(const struct stat& now) {
          (now.st_mode & S_IFMT) == (g_at_load.st_mode & S_IFMT);
 }
 
-bool IsTerminal() {
+// The device that was asked last, and in the lowest bit whether it is a terminal. The answer holds
+// for its number, so that a message need not ask again.
+std::atomic<uint64_t> g_known_device{0};
+
+bool IsTerminal(dev_t device) {
+  const uint64_t number = uint64_t{device} << 1;
+  const uint64_t known = g_known_device.load(std::memory_order_relaxed);
+  if ((known & ~uint64_t{1}) == number) return (known & 1) != 0;
   struct termios settings;
-  return tcgetattr(STDERR_FILENO, &settings) == 0;
+  const bool is_terminal = tcgetattr(STDERR_FILENO, &settings) == 0;
+  // Another error, as that of a terminal that has hung up, is not of the number.
+  if (is_terminal || errno == ENOTTY) {
+    g_known_device.store(number | (is_terminal ? 1 : 0), std::memory_order_relaxed);
+  }
+  return is_terminal;
 }
 
 bool IsOpenForAppending() {
@@ -77,11 +89,11 @@ bool IsOpenForAppending() {
 Kind KindNow() {
   const struct stat now = StandardErrorNow();
   if (S_ISFIFO(now.st_mode)) return Kind::kPipe;
-  if (S_ISCHR(now.st_mode)) return IsTerminal() ? Kind::kTerminal : Kind::kOther;
+  if (S_ISCHR(now.st_mode)) return IsTerminal(now.st_rdev) ? Kind::kTerminal : Kind::kDevice;
   if (!IsAsAtLoad(now)) {
-    return S_ISREG(now.st_mode) && IsOpenForAppending() ? Kind::kOther : Kind::kNotOurs;
+    return S_ISREG(now.st_mode) && IsOpenForAppending() ? Kind::kFile : Kind::kNotOurs;
   }
-  return S_ISSOCK(now.st_mode) ? Kind::kSocket : Kind::kOther;
+  return S_ISSOCK(now.st_mode) ? Kind::kSocket : Kind::kFile;
 }
 
 // Waits until the descriptor is ready, for at most nanos. 0 when it is not; errno then tells EINTR
@@ -210,7 +222,9 @@ long WriteOnce(Kind kind, struct iovec* parts, int count) {
       return WriteReopened(parts, count);
     case Kind::kSocket:
       return WriteToSocket(parts, count);
-    case Kind::kOther:
+    case Kind::kDevice:  // raises no signal
+      return WriteWithFlags(STDERR_FILENO, parts, count, 0);
+    case Kind::kFile:
       return WriteBlockingSignals(STDERR_FILENO, parts, count, 0);
     case Kind::kNotOurs:
       break;
