@@ -53,6 +53,8 @@ void quorvel_clock_sleep(unsigned long seconds) {
     if (IsAfter(now, deadline)) return;
     const struct timespec left = Remaining(deadline, now);
     if (left.tv_sec == 0 && left.tv_nsec < kCloseEnoughNanos) return;
+    // usleep's clock stops in suspend, so each chunk is under ten seconds. The remainder, not the
+    // minimum, is part of the contract: 25 s are slept as 5 and then twice just under 10.
     usleep(static_cast<useconds_t>((left.tv_sec % kMaxChunkSeconds) * kMicrosPerSecond +
                                    left.tv_nsec / kNanosPerMicro));
   }

@@ -14,6 +14,7 @@ QuorvelWakeUp g_wake_up;
 
 namespace {
 
+// Fixed from outside. A few, so that work with short gaps does not wake the monitor each time.
 constexpr uint32_t kQuietTicksBeforeWait = 3;
 
 std::atomic<bool> g_vendor{false};
