@@ -3,7 +3,6 @@
 #include <android-base/stringprintf.h>
 #include <android/log.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -15,10 +14,8 @@
 #include <utility>
 
 #include "../platform/host/src/fork_child.h"
-#include "support/child.h"
-#include "support/fakes.h"
+#include "support/library_test.h"
 #include "support/surroundings.h"
-#include "support/test_root.h"
 
 namespace {
 
@@ -31,9 +28,10 @@ void Log(const std::string& text) {
 
 // Each test begins without the discarded lines of those before it and long after their waits, which
 // count against its own.
-class AndroidLog : public testing::Test {
+class AndroidLog : public LibraryTest {
  protected:
   AndroidLog() {
+    __android_log_set_logger(nullptr);  // they go to standard error
     ForgetDiscardedLinesInChild();
     static time_t later = 0;
     later += 1000;
@@ -85,7 +83,6 @@ class AndroidLog : public testing::Test {
     return StatusInChild([&] { EXPECT_TRUE((!old_kernel || RefuseNewCalls()) && body()); }) == 0;
   }
 
-  ScopedFakes restore_;
   const int own_stderr_ = dup(STDERR_FILENO);
   int reader_ = -1, writer_ = -1;
 };

@@ -2,18 +2,13 @@
 // limit.
 
 #include <android-base/stringprintf.h>
-#include <gmock/gmock.h>
 #include <limits.h>
-#include <quorvel/quorvel.h>
-#include <unistd.h>
 
 #include <thread>
 
 #include "core/monitor_thread.h"
 #include "core/recovery_limit.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/test_root.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -26,23 +21,15 @@ constexpr time_t kNow = 1763315480;
 constexpr uint32_t kFlags = 0xf0;  // none that has an effect
 
 // No thread is made. Nothing is armed at first, the cursor is at slot 0.
-class Core : public testing::Test {
+class Core : public LibraryTest {
  protected:
   Core() {
-    fakes.pthread_create = [this](void* (*)(void*)) { return ++threads_made_, 0; };
-    quorvel_init();
+    InitWithoutMonitor();
     for (int32_t slot = 0; slot < kWheelSlots; ++slot) QuorvelCollectExpired(&monitor_);
     QuorvelBuildRegistry();
-    threads_made_ = 0;
     log_.Clear();
   }
 
-  using Callback = std::function<void()>;
-  static uint32_t Start(int32_t timeout, Callback* callback = nullptr) {
-    const QuorvelCallback call = [](void* arg) { (*static_cast<Callback*>(arg))(); };
-    return __quorvel_start_ex("n", timeout, callback != nullptr ? call : nullptr, callback, kFlags);
-  }
-  static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
   static uint32_t IndexOf(uint32_t id) { return id % 512; }
   static std::string ReleasedAlready(uint32_t id) {
     return StringPrintf("E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", id);
@@ -58,10 +45,7 @@ class Core : public testing::Test {
   }
 
   QuorvelMonitor monitor_;
-  int threads_made_ = 0;
-  std::string trace_;
-  ScopedFakes restore_;
-  LogCapture log_;
+  std::string called_;
 };
 
 TEST_F(Core, AWatchFiresBetweenItsTimeoutAndASecondMore) {
@@ -161,8 +145,8 @@ TEST_F(Core, TheRecordIsOfTheStartCallAndItsThread) {
   fakes.time = [] { return kNow; };
   int tid = 0;
   uint32_t id = 0;
-  Callback callback = [] {};
-  std::thread([&] { tid = gettid(), id = Start(9, &callback); }).join();
+  Function callback = [] {};
+  std::thread([&] { tid = gettid(), id = Start(9, &callback, kFlags); }).join();
   fakes.time = [] { return kNow + 4; };
   quorvel_update(id, 1);
   TicksUntilOneFires();
@@ -176,21 +160,21 @@ TEST_F(Core, TheRecordIsOfTheStartCallAndItsThread) {
 }
 
 TEST_F(Core, CallbacksRunInTheOrderInWhichTheirWatchesWereLinked) {
-  Callback first = [&] { trace_ += "first "; };
-  Callback second = [&] { trace_ += "second "; };
-  Callback moved = [&] { trace_ += "moved "; };
+  Function first = [&] { called_ += "first "; };
+  Function second = [&] { called_ += "second "; };
+  Function moved = [&] { called_ += "moved "; };
   const uint32_t id = Start(5, &moved);
   Start(1, &first);
   Start(1, &second);
   quorvel_update(id, 1);
   TicksUntilOneFires();
-  EXPECT_EQ(trace_, "first second moved ");
+  EXPECT_EQ(called_, "first second moved ");
 }
 
 TEST_F(Core, ACollectedWatchCannotBeMovedOrEndedAnyMore) {
   uint32_t own = 0, next = 0;
-  Callback on_next = [&] { trace_ += "next "; };
-  Callback on_own = [&] {
+  Function on_next = [&] { called_ += "next "; };
+  Function on_own = [&] {
     for (const uint32_t id : {own, next}) {
       EXPECT_EQ(quorvel_update(id, 9), QUORVEL_INVALID_ID);
       quorvel_end(id);
@@ -199,7 +183,7 @@ TEST_F(Core, ACollectedWatchCannotBeMovedOrEndedAnyMore) {
   own = Start(1, &on_own);
   next = Start(1, &on_next);
   TicksUntilOneFires();
-  EXPECT_EQ(trace_, "next ");
+  EXPECT_EQ(called_, "next ");
   EXPECT_TRUE(log_.Has(ReleasedAlready(own)) && log_.Has(ReleasedAlready(next)));
   EXPECT_EQ(Armed(), 0u);
 }
@@ -238,13 +222,12 @@ TEST_F(Core, AProgramWhosePathBeginsWithVendorHasTheVendorsProperties) {
                                                 {"/vendorx/bin/a", true},  {"/vendo", false},
                                                 {"/system/vendor", false}, {"", false}};
   fakes.getprogname = [] { return "a"; };
-  test_root::MakeEmptyDir("/dev/__properties__/");
   test_root::SetProperty("odm.quorvel.rec.97", "-1,5");
   test_root::SetProperty("quorvel.s.rec.97", "-2,5");
   for (const auto& [path, is_vendor] : paths) {
     fakes.executable_path = [p = path] { return p; };
     quorvel_init();
-    __quorvel_start_ex("n", 1, nullptr, nullptr, QUORVEL_FLAG_RECOVERY);
+    Start(1, nullptr, QUORVEL_FLAG_RECOVERY);
     TicksUntilOneFires();
     EXPECT_TRUE(log_.Has(is_vendor ? "count:-1" : "count:-2")) << path;
     log_.Clear();
@@ -288,10 +271,9 @@ TEST_F(CoreSleep, MoreSecondsThanTheClockHasEndWithIt) {
   EXPECT_EQ(Sleep(ULONG_MAX, {{77, 5}, {77, 6}, {LONG_MAX, 6}}), Chunks({9999999}));
 }
 
-class CoreRecovery : public testing::Test {
+class CoreRecovery : public LibraryTest {
  protected:
   CoreRecovery() {
-    test_root::MakeEmptyDir("/dev/__properties__/");
     fakes.time = [] { return kNow; };
     fakes.getprogname = [] { return "/vendor/bin/a"; };
   }
@@ -316,7 +298,6 @@ class CoreRecovery : public testing::Test {
   }
 
   static constexpr char kRecord[] = "quorvel.s.rec.97";
-  ScopedFakes restore_;
 };
 
 TEST_F(CoreRecovery, FiveExitsAreFree) {
@@ -358,9 +339,8 @@ TEST_F(CoreRecovery, TheSwitchOfItsOwnSideAloneForbidsIt) {
 
 TEST_F(CoreRecovery, ARefusalSaysHowOftenAndWhen) {
   test_root::SetProperty(kRecord, "7,1763315400");
-  LogCapture log;
   QuorvelRecover(false);
-  EXPECT_THAT(log.Lines(),
+  EXPECT_THAT(log_.Lines(),
               ElementsAre("I/QUORVEL: quorvel recovery limit count:7 last happen time:1763315400",
                           "E/QUORVEL: Skip exit, because it has recovery more than 5 times\n"));
 }

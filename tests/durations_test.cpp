@@ -1,13 +1,10 @@
 // The table of durations: which row a watch counts in, what the row says.
 
-#include <gmock/gmock.h>
 #include <quorvel/durations.hpp>
 
 #include <thread>
 
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/test_root.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -19,16 +16,15 @@ using testing::HasSubstr;
 using testing::Not;
 
 // The time is the test's, the table empty.
-class Durations : public testing::Test {
+class Durations : public LibraryTest {
  protected:
   Durations() {
     new (&quorvel::detail::g_durations) quorvel::detail::DurationTable{};
-    fakes.pthread_create = [](void* (*)(void*)) { return 0; };
     fakes.clock_gettime = [this](clockid_t, timespec* now) {
       *now = {now_.count() / 1000, now_.count() % 1000 * 1'000'000};
       return 0;
     };
-    quorvel_init();
+    InitWithoutMonitor();
   }
 
   void Measure(const char* name, milliseconds duration, seconds timeout = seconds(10)) {
@@ -45,8 +41,6 @@ class Durations : public testing::Test {
   }
 
   milliseconds now_{5000};
-  ScopedFakes restore_;
-  LogCapture log_;
 };
 
 TEST_F(Durations, ARowHasCountQuantilesLongestAndShare) {

@@ -1,14 +1,10 @@
 // What stands in for the device's services: properties, the event journal, the trace, paths, time.
 
 #include <cutils/trace.h>
-#include <gmock/gmock.h>
 #include <kelvane.h>
 #include <sys/system_properties.h>
 
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/test_root.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -16,14 +12,10 @@ using test_root::Path;
 using test_root::PropertyText;
 using test_root::ReadFile;
 using test_root::SetProperty;
-using Texts = std::vector<std::string>;
 
-class HostLayer : public testing::Test {
+class HostLayer : public LibraryTest {
  protected:
-  HostLayer() {
-    test_root::MakeEmptyDir(kStore);
-    test_root::MakeEmptyDir("/data/log/dravik/");
-  }
+  HostLayer() { test_root::MakeEmptyDir(kStore); }
 
   static std::string Get(const char* name) {
     char value[PROP_VALUE_MAX] = "unchanged";
@@ -32,7 +24,6 @@ class HostLayer : public testing::Test {
     return value;
   }
   static constexpr char kStore[] = "/dev/__properties__/";
-  ScopedFakes restore_;
 };
 
 TEST_F(HostLayer, APropertyIsReadAsItWasSetUpToItsGreatestLength) {
@@ -77,13 +68,12 @@ TEST_F(HostLayer, OneNewlineAtTheEndOfAPropertysFileIsNotOfItsValue) {
 
 TEST_F(HostLayer, AStoreThatIsMissingIsReportedOnce) {
   test_root::RemoveTree(kStore);
-  const auto in_child = [] {
-    const LogCapture log;
+  const auto in_child = [this] {
     EXPECT_EQ(__system_property_set("a.name", "1"), -1);
     __system_property_set("b.name", "1");
-    EXPECT_THAT(log.Lines("W/properties: cannot set a.name: No such file or directory; "),
+    EXPECT_THAT(log_.Lines("W/properties: cannot set a.name: No such file or directory; "),
                 testing::SizeIs(1));
-    EXPECT_THAT(log.Lines(), testing::SizeIs(1));
+    EXPECT_THAT(log_.Lines(), testing::SizeIs(1));
   };
   EXPECT_EQ(StatusInChild(in_child), 0);
 }
@@ -93,7 +83,7 @@ TEST_F(HostLayer, AnEventIsOneLineOfTheJournalWhateverItsTextsHold) {
   EXPECT_EQ(dravik_send_event(12, "\"quoted\\\n\x01\x7f", "\xc3\xa9 \xf0\x9f\x98\x80"), 0);
   EXPECT_EQ(dravik_send_event(7, "", "\xff\xed\xa0\x80\xc3"), 0);
   const std::string pid = "\"pid\":" + std::to_string(getpid()) + ",\"time\":1763315480";
-  EXPECT_EQ(ReadFile(Path(test_root::kJournal)),
+  EXPECT_EQ(Journal(),
             "{\"id\":12," + pid +
                 ",\"command\":\"\\\"quoted\\\\\\u000a\\u0001\\u007f\",\"message\":"
                 "\"\xc3\xa9 \xf0\x9f\x98\x80\"}\n{\"id\":7," +
@@ -113,15 +103,14 @@ TEST_F(HostLayer, AStackThatTheKernelKeepsToItselfIsReplacedByTheThreadsState) {
 }
 
 TEST_F(HostLayer, ATraceThatNobodySetUpIsNotMade) {
-  const std::string trace = Path("/sys/kernel/tracing/trace_marker");
   SetProperty("debug.atrace.tags.enableflags", "0x800");
-  unlink(trace.c_str());
+  unlink(trace_.c_str());
   atrace_begin(ATRACE_TAG_HAL, "section");
   EXPECT_EQ(test_root::List("/sys/kernel/tracing/"), Texts{});
-  test_root::WriteFile(trace, "");
+  test_root::WriteFile(trace_, "");
   atrace_begin(ATRACE_TAG_HAL << 1, "of another tag");
   atrace_end(ATRACE_TAG_HAL << 1);
-  EXPECT_EQ(ReadFile(trace), "");
+  EXPECT_EQ(ReadFile(trace_), "");
 }
 
 // Runs itself.

@@ -1,19 +1,13 @@
 // Whole incidents: what is written, called and reported, and in which order.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
 #include <filesystem>
 
-#include "core/timeout_response.h"
 #include "log/incident_close.h"
 #include "log/incident_header.h"
 #include "log/log_file.h"
-#include "log/quorvel_log.h"
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/test_root.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -22,72 +16,43 @@ using test_root::SetProperty;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-using Texts = std::vector<std::string>;
 
 constexpr time_t kNow = 1763315480;
 
-// Each test has a rate limit of its own. The event and the trace are switched on.
-class Incident : public testing::Test {
+class Incident : public LibraryTest {
  protected:
   Incident() {
-    for (const char* dir : {test_root::kLogDir, "/data/log/dravik/", "/dev/__properties__/"}) {
-      test_root::MakeEmptyDir(dir);
-    }
-    SetProperty("dravik.event.12.config", "1");
-    SetProperty("debug.atrace.tags.enableflags", "0x800");
-    test_root::WriteFile(trace_, "");
-    QuorvelResetResponseInChild();
     fakes.time = [this] { return now_; };
     fakes.gettimeofday = [](timeval* now) { return *now = {kNow, 7250}, 0; };
     fakes.getprogname = [this] { return program_; };
-  }
-  ~Incident() override { QuorvelDropLogInChild(); }
-
-  void Respond(uint32_t flags) {
-    const QuorvelCallback call = [](void* arg) { (*static_cast<std::function<void()>*>(arg))(); };
-    log_.Clear();
-    QuorvelTimeoutResponse(
-        {0x20a, callback_ ? call : nullptr, gettid(), "100% of %s", now_ - 9, &callback_, flags},
-        false);
-  }
-  static std::string Journal() { return ReadFile(test_root::Path(test_root::kJournal)); }
-  std::string Event(const std::string& message) const {
-    return "{\"id\":12,\"pid\":" + std::to_string(getpid()) + ",\"time\":" + std::to_string(now_) +
-           ",\"command\":\"\",\"message\":\"" + message + "\"}\n";
   }
 
   time_t now_ = kNow;
   const std::string path_ =
       test_root::Path(std::string(test_root::kLogDir) + "quorvel@1763315480007.log");
-  const std::string trace_ = test_root::Path("/sys/kernel/tracing/trace_marker");
   const std::string tid_ = std::to_string(gettid()) + "\n";
   const char* program_ = "app";
-  std::function<void()> callback_;
-  ScopedFakes restore_;
-  LogCapture log_;
 };
 
 TEST_F(Incident, IsAnnouncedAndHasItsHeaderInTheFileBeforeTheCallbackRuns) {
   bool called = false;
-  callback_ = [&] {
+  Respond(QUORVEL_FLAG_LOG, [&] {
     called = true;
     EXPECT_EQ(log_.Lines().front(), "E/QUORVEL: Trigger 0x20a Callback Function ...\n");
     EXPECT_THAT(ReadFile(path_), HasSubstr("\ntimeout tid: " + tid_));
     EXPECT_THAT(ReadFile(path_), HasSubstr("\n>>> app <<<\n"));
     EXPECT_EQ(Journal(), "");
-  };
-  Respond(QUORVEL_FLAG_LOG);
+  });
   EXPECT_TRUE(called);
   EXPECT_EQ(log_.Lines().back(), "E/QUORVEL: not set recovery flag of quorvel");
 }
 
 TEST_F(Incident, HasKernelStacksThenUserStacksAfterTheHeader) {
   std::string header;
-  callback_ = [&] {
+  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE, [&] {
     header = ReadFile(path_);
     QuorvelPrintLine("said by the callback");  // which no flush comes for
-  };
-  Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
+  });
   const std::string text = ReadFile(path_);
   EXPECT_THAT(text, StartsWith(header + "\nkernel stack tid = " + tid_));
   EXPECT_THAT(text.substr(header.size()), HasSubstr("\n\ntid = " + tid_));
@@ -98,8 +63,11 @@ TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
   Respond(QUORVEL_FLAG_LOG);
   const std::string text = ReadFile(path_);
   Respond(0);
-  EXPECT_TRUE(log_.Has("timeout function: ") && !log_.Has("stack"));
-  const std::string event = Event("app," + path_);  // the file that was opened last
+  EXPECT_THAT(log_.Lines("W/QUORVEL: timeout function: "), testing::SizeIs(2));
+  EXPECT_FALSE(log_.Has("stack"));
+  const std::string event = "{\"id\":12,\"pid\":" + std::to_string(getpid()) +
+                            ",\"time\":1763315480,\"command\":\"\",\"message\":\"app," + path_ +
+                            "\"}\n";  // with the file that was opened last
   EXPECT_EQ(Journal(), event + event);
   EXPECT_EQ(ReadFile(path_), text);
 }
@@ -107,8 +75,8 @@ TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
 TEST_F(Incident, HasItsFileAlsoWhereThatIsDescriptorZero) {
   const auto in_child = [this] {
     close(STDIN_FILENO);
-    callback_ = [] { EXPECT_EQ(QuorvelGetLogFd(), STDIN_FILENO); };
-    Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
+    Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE,
+            [] { EXPECT_EQ(QuorvelGetLogFd(), STDIN_FILENO); });
     EXPECT_THAT(ReadFile(path_), HasSubstr("\n>>> app <<<\n"));
     EXPECT_THAT(ReadFile(path_), HasSubstr("\n\ntid = "));
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
@@ -118,8 +86,7 @@ TEST_F(Incident, HasItsFileAlsoWhereThatIsDescriptorZero) {
 
 TEST_F(Incident, ClosesItsFileAndNoOther) {
   int fd = -1;
-  callback_ = [&] { fd = QuorvelGetLogFd(); };
-  Respond(QUORVEL_FLAG_LOG);
+  Respond(QUORVEL_FLAG_LOG, [&] { fd = QuorvelGetLogFd(); });
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
   EXPECT_EQ(QuorvelGetLogFd(), -1);
   ASSERT_EQ(open("/dev/null", O_RDONLY | O_CLOEXEC), fd);  // its number is another's now
@@ -150,7 +117,6 @@ TEST_F(Incident, IsReportedOnlyIfTheConfigurationBeginsWithOne) {
 }
 
 TEST_F(Incident, HeaderHasItsLinesInOrderAndLocalTime) {
-  fakes.time = [] { return kNow; };
   SetProperty("ro.build.fingerprint", "the whole of it");
   QuorvelInsertLogTitle(42, "100% of %s", kNow - 9);
   EXPECT_EQ(log_.Lines(),
@@ -192,12 +158,10 @@ TEST_F(Incident, WithoutAProgramsNameHasItsPathAndNoEvent) {
 }
 
 TEST_F(Incident, IsDroppedOnceTheRateLimitsCountIsSpentWhichNoPeriodRestores) {
-  bool called = false;
-  callback_ = [&] { called = true; };
   std::string outcomes;
   const auto respond = [&](uint32_t flags) {
-    called = false;
-    Respond(flags);
+    bool called = false;
+    Respond(flags, [&] { called = true; });
     const std::string last = log_.Lines().back();
     const bool dropped = last == "E/QUORVEL: Too many callback triggerd in a short time! \n";
     const bool whole = called && last == "E/QUORVEL: not set recovery flag of quorvel";

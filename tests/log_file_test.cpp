@@ -1,18 +1,14 @@
-// The log file of an incident: its directory, lock, name and mode, and the clean-up before it.
+// The log file of an incident: its directory, lock, name and mode, the clean-up before it; and its
+// lines on their way through the buffer into the file and the Android log.
 
 #include "log/log_file.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <quorvel/quorvel.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
-#include "log/quorvel_log.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/test_root.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -20,15 +16,13 @@ namespace fs = std::filesystem;
 using test_root::kLogDir;
 using test_root::kVendorLogDir;
 using testing::ElementsAre;
-using Texts = std::vector<std::string>;
 
 constexpr int kLog = QUORVEL_FLAG_LOG;
 
 // Time stands still; pauses are recorded, and what a test wants happens in them.
-class LogFile : public testing::Test {
+class LogFile : public LibraryTest {
  protected:
   LogFile() {
-    for (const char* dir : {kLogDir, kVendorLogDir}) test_root::MakeEmptyDir(dir);
     fakes.gettimeofday = [this](timeval* now) { return *now = now_, 0; };
     fakes.usleep = [this](useconds_t micros) {
       pauses_.push_back(micros);
@@ -36,7 +30,6 @@ class LogFile : public testing::Test {
       return 0;
     };
   }
-  ~LogFile() override { QuorvelDropLogInChild(); }
 
   // Begins an incident; its file's name, empty without one.
   std::string Begin(int flags = kLog, bool is_vendor = false) {
@@ -55,8 +48,6 @@ class LogFile : public testing::Test {
   std::vector<useconds_t> pauses_;
   std::function<void()> in_pause_;
   const std::string name_ = "quorvel@1763315480007.log";
-  ScopedFakes restore_;
-  LogCapture log_;
 };
 
 TEST_F(LogFile, OnlyTheLogFlagOpensOne) {
@@ -153,6 +144,68 @@ TEST_F(LogFile, FourTakenNamesEndTheSearchWithoutAWordAndTheLastPathStays) {
   EXPECT_EQ(QuorvelLastLogPath(), last);
   EXPECT_EQ(test_root::List(kLogDir), Texts({name_, "quorvel@1763315481007.log"}));
   EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+class LogLine : public LogFile {
+ protected:
+  LogLine() { Begin(); }
+  static std::string Xs(size_t count) { return std::string(count, 'x'); }
+};
+
+TEST_F(LogLine, OfTwoTo1022CharactersIsKeptWhole) {
+  for (const size_t length : {2u, 1022u}) {
+    QuorvelClearLog();
+    log_.Clear();
+    QuorvelPrintLine("%s", Xs(length).c_str());
+    EXPECT_EQ(QuorvelLogText(), Xs(length) + "\n");
+    EXPECT_EQ(log_.Lines(), Texts{"W/QUORVEL: " + Xs(length)});
+  }
+}
+
+TEST_F(LogLine, OfNoneOneOr1023CharactersIsDroppedWithoutAWord) {
+  for (const size_t length : {0u, 1u, 1023u}) QuorvelPrintLine("%s", Xs(length).c_str());
+  const char* const volatile no_format = nullptr;
+  QuorvelPrintLine(no_format);
+  EXPECT_STREQ(QuorvelLogText(), "");
+  EXPECT_EQ(log_.Lines(), Texts{});
+}
+
+TEST_F(LogLine, ThatIsLongerIsReportedAndNeverCut) {
+  errno = 7;
+  QuorvelPrintLine("%s", Xs(1024).c_str());
+  EXPECT_EQ(errno, 7);
+  EXPECT_STREQ(QuorvelLogText(), "");
+  EXPECT_EQ(log_.Lines(), Texts{"E/QUORVEL: QuorvelPrintLine: cannot vsnprintf 7\n"});
+}
+
+TEST_F(LogLine, ThatDoesNotFitIsDroppedWholeAndAShorterOneStillFits) {
+  while (QuorvelLogLength() < 4000) QuorvelAppendLog("f", 1);
+  QuorvelPrintLine("%s", Xs(95).c_str());
+  EXPECT_EQ(QuorvelLogLength(), 4000u);
+  EXPECT_EQ(log_.Lines("E/"), Texts{"QUORVEL: log too long, drop '" + Xs(95) + "\n'"});
+  QuorvelPrintLine("%s", Xs(94).c_str());
+  EXPECT_EQ(QuorvelLogLength(), 4095u);
+}
+
+TEST_F(LogLine, GetsANewlineOnlyInTheFileOfItsIncidentAndOnlyIfItHasNone) {
+  QuorvelPrintLine("one");
+  QuorvelPrintLine("two\n");
+  QuorvelFlushLog();
+  QuorvelBeginLog(kLog);
+  QuorvelFlushLog();
+  EXPECT_EQ(test_root::ReadFile(QuorvelLastLogPath()), "one\ntwo\n");
+  EXPECT_EQ(log_.Lines(), Texts({"W/QUORVEL: one", "W/QUORVEL: two\n"}));
+}
+
+TEST_F(LogLine, StaysInTheAndroidLogWithoutTheFlagOrAFile) {
+  QuorvelBeginLog(~kLog);
+  QuorvelPrintLine("without the flag");
+  EXPECT_STREQ(QuorvelLogText(), "");
+  QuorvelBeginLog(kLog);
+  QuorvelDropLogInChild();
+  QuorvelPrintLine("without a file");
+  EXPECT_STREQ(QuorvelLogText(), "");
+  EXPECT_EQ(log_.Lines("W/QUORVEL: "), Texts({"without the flag", "without a file"}));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -13,14 +12,9 @@
 #include <thread>
 
 #include "core/monitor_thread.h"
-#include "core/timeout_response.h"
 #include "core/watch_registry.h"
-#include "log/quorvel_log.h"
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
+#include "support/library_test.h"
 #include "support/surroundings.h"
-#include "support/test_root.h"
 #include "unwind/unwindstack_wrapper_thread.h"
 
 namespace {
@@ -28,16 +22,9 @@ namespace {
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 
-using Function = std::function<void()>;
-
-uint32_t Start(int32_t timeout, Function* callback = nullptr, uint32_t flags = 0) {
-  const QuorvelCallback call = [](void* arg) { (*static_cast<Function*>(arg))(); };
-  return __quorvel_start_ex("n", timeout, callback != nullptr ? call : nullptr, callback, flags);
-}
-
 // The monitor sleeps only as long as the test lets it. Each process begins with the test's own
 // constructor, and no thread but the calling one and the first, which waits.
-class Process : public testing::Test {
+class Process : public LibraryTest {
  protected:
   Process() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -52,10 +39,6 @@ class Process : public testing::Test {
   }
   ~Process() override { GTEST_FLAG_SET(death_test_style, "fast"); }
 
-  void InitWithoutMonitor() {
-    fakes.pthread_create = [this](void* (*)(void*)) { return ++threads_made_, 0; };
-    quorvel_init();
-  }
   void AwaitSleep(int number) const {
     while (sleeps_ < number) std::this_thread::yield();
   }
@@ -70,19 +53,16 @@ class Process : public testing::Test {
     const QuorvelMutexLock lock(&g_registry.lock);
     return g_registry.cursor;
   }
-  static uint32_t Armed() { return QuorvelStartedCount() - QuorvelEndedCount(); }
   // Runs the body in a new process, which ends well unless an expectation fails in it.
   template <typename Body>
   static void ExpectEndsWell(const Body& body) {
     EXPECT_EXIT((alarm(30), body(), _exit(HasFailure() ? 1 : 0)), ExitedWithCode(0), "");
   }
 
-  std::atomic<int> sleeps_{0}, allowed_sleeps_{0}, threads_made_{0};
+  std::atomic<int> sleeps_{0}, allowed_sleeps_{0};
   int cut_short_ = 0;
   std::string slept_;
   char thread_name_[16] = "";
-  ScopedFakes restore_;
-  LogCapture log_;
 };
 
 TEST_F(Process, ASleepCutShortIsMadeUpOnceATick) {
@@ -280,18 +260,7 @@ TEST_F(ProcessFork, AChildMadeWithoutForkHandlersIsResetByItsInit) {
 // Incidents of a process whose events are sent.
 class ProcessForkedIncident : public Process {
  protected:
-  ProcessForkedIncident() {
-    for (const char* dir : {test_root::kLogDir, "/data/log/dravik/", "/dev/__properties__/"}) {
-      test_root::MakeEmptyDir(dir);
-    }
-    test_root::SetProperty("dravik.event.12.config", "1");
-    QuorvelResetResponseInChild();  // other tests may have spent the rate limit
-    InitWithoutMonitor();
-  }
-  static void Respond(Function callback, uint32_t flags) {
-    const QuorvelCallback call = [](void* arg) { (*static_cast<Function*>(arg))(); };
-    QuorvelTimeoutResponse({0, call, gettid(), "n", 0, &callback, flags}, false);
-  }
+  ProcessForkedIncident() { InitWithoutMonitor(); }
   // Awaits a child that the callback forks and that does this before it returns from it.
   static int StatusOfChildOfCallback(const Function& in_child) {
     constexpr int kDeadline = 10000;  // milliseconds
@@ -300,14 +269,14 @@ class ProcessForkedIncident : public Process {
       child = fork();
       if (child == 0) in_child();
     };
-    std::thread([&] { Respond(fork_child, QUORVEL_FLAG_LOG); }).join();
+    std::thread([&] { Respond(QUORVEL_FLAG_LOG, fork_child); }).join();
     pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
     if (poll(&ended, 1, kDeadline) == 0) kill(child, SIGKILL);  // a monitor blocks the others
     close(ended.fd);
     return StatusOf(child);
   }
   static auto Events() {
-    const std::string journal = test_root::ReadFile(test_root::Path(test_root::kJournal));
+    const std::string journal = Journal();
     return std::count(journal.begin(), journal.end(), '\n');
   }
 };
@@ -315,7 +284,7 @@ class ProcessForkedIncident : public Process {
 TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
   ExpectEndsWell([&] {
     int called = 0;
-    const auto respond = [&] { Respond([&] { ++called; }, QUORVEL_FLAG_LOG); };
+    const auto respond = [&] { Respond(QUORVEL_FLAG_LOG, [&] { ++called; }); };
     for (int i = 0; i < 8; ++i) respond();
     EXPECT_EQ(called, 6);
     const auto in_child = [&] {
@@ -325,7 +294,7 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
     EXPECT_EQ(StatusInChild(in_child), 0);
     respond();
     EXPECT_EQ(called, 6);
-    Respond([] {}, QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY);  // dropped whole: it ends nothing
+    Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY);  // dropped whole: it ends nothing
   });
 }
 
@@ -339,14 +308,13 @@ TEST_F(ProcessForkedIncident, AChildForkedMeanwhileHasNoPartInTheParentsFile) {
     };
     EXPECT_EQ(StatusInChild(in_child), 0);
   };
-  Respond(fork_meanwhile, QUORVEL_FLAG_LOG);
+  Respond(QUORVEL_FLAG_LOG, fork_meanwhile);
 }
 
 TEST_F(ProcessForkedIncident, TheChildsReportNamesNoFileOfTheParents) {
-  Respond([] {}, QUORVEL_FLAG_LOG);
-  EXPECT_EQ(StatusInChild([] { Respond([] {}, 0); }), 0);
-  const std::string journal = test_root::ReadFile(test_root::Path(test_root::kJournal));
-  EXPECT_THAT(journal, testing::EndsWith("\"message\":\"unit_tests\"}\n"));
+  Respond(QUORVEL_FLAG_LOG);
+  EXPECT_EQ(StatusInChild([] { Respond(0); }), 0);
+  EXPECT_THAT(Journal(), testing::EndsWith("\"message\":\"unit_tests\"}\n"));
 }
 
 TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
@@ -365,7 +333,7 @@ TEST_F(ProcessForkedIncident, SuchAChildEndsThereAlsoWithTheIdOfItsParent) {
     EXPECT_EQ(getpid(), 1);
     EXPECT_EQ(unshare(CLONE_NEWPID), 0);
     pid_t child = 0;
-    Respond([&] { child = fork(); }, 0);
+    Respond(0, [&] { child = fork(); });
     EXPECT_EQ(getpid() == 1 && child != 0 ? StatusOf(child) : 9, 0);
   };
   const auto in_child = [&] {

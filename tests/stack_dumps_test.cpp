@@ -1,20 +1,14 @@
 // The kernel and user stacks of an incident, and the threads whose stacks these are.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <quorvel/quorvel.h>
 
 #include <filesystem>
 
 #include "log/kernel_backtrace.h"
-#include "log/quorvel_log.h"
 #include "log/user_backtrace.h"
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
+#include "support/library_test.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
-#include "support/test_root.h"
 
 namespace {
 
@@ -25,7 +19,7 @@ __attribute__((noinline)) void SleepBelow(int depth, const std::atomic<bool>& st
   asm volatile("");
 }
 
-class StackDumps : public testing::Test {
+class StackDumps : public LibraryTest {
  protected:
   StackDumps() {
     QuorvelBeginLog(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
@@ -42,7 +36,6 @@ class StackDumps : public testing::Test {
     }
     std::sort(tids_.begin() + 1, tids_.end());
   }
-  ~StackDumps() override { QuorvelDropLogInChild(); }
 
   static constexpr size_t kBuffer = 4095;  // characters
 
@@ -67,13 +60,11 @@ class StackDumps : public testing::Test {
     return tids;
   }
 
-  ScopedFakes restore_;  // once the threads are gone, which call some of them
   ParkedThread other_{Sleep}, watched_{Sleep}, another_{Sleep};
   std::vector<int> tids_ = {watched_.tid()};  // in their order
   std::vector<int> asked_;
   const std::string path_ = test_root::Path("/dumps.txt");
   std::string stack_ = "in_the_kernel\n";
-  LogCapture log_;
 };
 
 TEST_F(StackDumps, UserStacksAreOfTheWatchedThreadThenOfTheOthersInOrderAndNotOfTheCaller) {
@@ -145,8 +136,7 @@ TEST_P(StackDumpsDumpable, IsAsBeforeAfterwards) {
 
 TEST_P(StackDumpsDumpable, IsAsBeforeInAChildForkedMeanwhile) {
   SKIP_UNDER_EMULATION("a forked child may hang");
-  fakes.pthread_create = [](void* (*)(void*)) { return 0; };
-  quorvel_init();
+  InitWithoutMonitor();
   fakes.DravikGetStack = [](int, char*) {
     EXPECT_EQ(StatusInChild([] { _exit(prctl(PR_GET_DUMPABLE)); }), GetParam());
     return -1;

@@ -12,7 +12,6 @@
 #include "host_regs.h"
 #include "support/child.h"
 #include "support/frames.h"
-#include "support/log_capture.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
 

@@ -1,14 +1,11 @@
 // The rendezvous with a thread: what it leaves of the thread, of signal 33 and of the heap's lock.
 #include "unwind/unwindstack_wrapper.h"
 
-#include <gmock/gmock.h>
 #include <setjmp.h>
 #include <sys/resource.h>
 
-#include "support/child.h"
-#include "support/fakes.h"
 #include "support/frames.h"
-#include "support/log_capture.h"
+#include "support/library_test.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
 #include "unwind/unwindstack_wrapper_thread.h"
@@ -53,7 +50,7 @@ bool operator==(const KernelAction& a, const KernelAction& b) {
   return a.handler == b.handler && a.flags == b.flags && a.mask == b.mask;
 }
 
-class UnwindstackWrapper : public testing::Test {
+class UnwindstackWrapper : public LibraryTest {
  protected:
   ~UnwindstackWrapper() override { heap_entry = nullptr; }
 
@@ -68,8 +65,6 @@ class UnwindstackWrapper : public testing::Test {
 
   static inline std::atomic<int> hosts_calls_;
   KernelAction hosts_ = {};
-  LogCapture log_;
-  ScopedFakes restore_;
   unwindstack_wrapper unwinder_;
   const Frames& frames_ = unwinder_.frames;
 };
@@ -286,15 +281,15 @@ class UnwindstackWrapperSilence : public UnwindstackWrapper {
 };
 
 TEST_F(UnwindstackWrapperSilence, OfAThreadThatBlocksTheSignalLeavesItIgnored) {
+  const KernelAction initial = {}, before = ActionOfSignal33(&initial);
   const time_t begin = time(nullptr);
   EXPECT_FALSE(unwinder_.unwind(thread_.tid(), nullptr, 64));
   EXPECT_THAT(time(nullptr) - begin, testing::AllOf(testing::Ge(4), testing::Le(9)));
   EXPECT_EQ(unwinder_.error, kNoAnswer);
   EXPECT_TRUE(log_.Has(std::string("_unwind_locked: ") + kNoAnswer + ". "));
-  struct sigaction now;
-  sigaction(33, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, SIG_IGN);
+  EXPECT_EQ(ActionOfSignal33().handler, SIG_IGN);
   UnblockAndUnwindAgain();
+  ActionOfSignal33(&before);
 }
 
 TEST_F(UnwindstackWrapperSilence, BlocksItsLateSignalFromTheHandlerOfAnotherExchange) {

@@ -21,5 +21,3 @@ add_test(NAME watch_hpp_discarded COMMAND ${CMAKE_CXX_COMPILER} -std=c++17 -fsyn
   -I${PROJECT_SOURCE_DIR}/include ${CMAKE_CURRENT_SOURCE_DIR}/fixtures/discarded_watch.cpp)
 set_tests_properties(watch_hpp_discarded PROPERTIES
   PASS_REGULAR_EXPRESSION "cpp:7:.*-Wunused-(result|value).*cpp:8:.*-Wunused-(result|value)")
-add_test(NAME watch_hpp_race COMMAND unit_tests --gtest_filter=WatchHppRace.*)
-set_tests_properties(watch_hpp_race PROPERTIES TIMEOUT 120)

@@ -1,7 +1,6 @@
 // C++ watches whose callables are called, ended, dropped, moved and forked, in every order.
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <quorvel/watch.hpp>
 
 #include <array>
@@ -10,10 +9,7 @@
 #include <thread>
 
 #include "core/monitor_thread.h"
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/surroundings.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -25,11 +21,10 @@ using State = Watch::State;
 constexpr seconds kSecond{1};
 
 // The test is the monitor: it steps the ticks, or has another thread step them.
-class WatchHpp : public testing::Test {
+class WatchHpp : public LibraryTest {
  protected:
   WatchHpp() {
-    fakes.pthread_create = [](void* (*)(void*)) { return 0; };
-    quorvel_init();
+    InitWithoutMonitor();
     for (int32_t slot = 0; slot < kWheelSlots; ++slot) QuorvelCollectExpired(&monitor_);
   }
 
@@ -53,8 +48,6 @@ class WatchHpp : public testing::Test {
 
   const std::shared_ptr<int> life_ = std::make_shared<int>(0);
   QuorvelMonitor monitor_;
-  ScopedFakes restore_;
-  LogCapture log_;
 };
 
 // A callable that tells that it has begun, and returns when it is allowed to.

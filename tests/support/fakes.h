@@ -23,12 +23,7 @@ struct Fakes {
   std::function<void()> wake_monitor;  // before the library's own
 };
 
-// Set only by the test, while no other thread is in the library.
+// Set only by the test, while no other thread is in the library; restored at its end.
 extern Fakes fakes;
-
-// Restores all of them at the end of a test.
-struct ScopedFakes {
-  ~ScopedFakes() { fakes = Fakes(); }
-};
 
 #endif  // QUORVEL_TESTS_SUPPORT_FAKES_H_

@@ -35,6 +35,13 @@ void MakeEmptyDir(const std::string& device_path) {
   fs::create_directories(Path(device_path));
 }
 
+void MakeEmptyDirs() {
+  for (const char* dir : {kLogDir, kVendorLogDir, "/data/log/dravik/", "/dev/__properties__/",
+                          "/sys/kernel/tracing/"}) {
+    MakeEmptyDir(dir);
+  }
+}
+
 void RemoveTree(const std::string& device_path) {
   std::string path = Path(device_path);
   while (path.back() == '/') path.pop_back();
@@ -88,10 +95,7 @@ __attribute__((constructor(101))) static void EnterOwnRoot() {
   std::string root = fs::temp_directory_path() / "quorvel-test-XXXXXX";
   if (mkdtemp(&root[0]) == nullptr) _exit((perror("mkdtemp"), 1));
   g_own_root = setenv("QUORVEL_HOST_ROOT", root.c_str(), 1) == 0;
-  for (const char* dir : {test_root::kLogDir, test_root::kVendorLogDir, "/data/log/dravik/",
-                          "/dev/__properties__/", "/sys/kernel/tracing/"}) {
-    fs::create_directories(root + dir);
-  }
+  test_root::MakeEmptyDirs();
   test_root::WriteFile(root + kMark, "");
 }
 

@@ -11,7 +11,6 @@ namespace test_root {
 
 inline constexpr char kLogDir[] = "/data/log/reliability/quorvel/";
 inline constexpr char kVendorLogDir[] = "/data/vendor/log/reliability/quorvel/";
-inline constexpr char kJournal[] = "/data/log/dravik/events.jsonl";
 
 // The device path as a path of this machine.
 std::string Path(const std::string& device_path);
@@ -23,6 +22,9 @@ std::string PropertyText(const std::string& name);
 // Makes a directory of the device and all above it, or empties it; removes whatever stands there.
 void MakeEmptyDir(const std::string& device_path);
 void RemoveTree(const std::string& device_path);
+
+// Makes those anew that the library uses.
+void MakeEmptyDirs();
 
 // Names in a directory, in byte order, but for "." and "..".
 std::vector<std::string> List(const std::string& device_path);

@@ -2,8 +2,8 @@
 // the disk is full, processes are killed, another process has been at the directory, names are odd.
 
 #include <device_path.h>
-#include <gmock/gmock.h>
 #include <kelvane.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/auxv.h>
 #include <sys/mount.h>
@@ -13,21 +13,15 @@
 #include <random>
 
 #include "core/recovery_limit.h"
-#include "core/timeout_response.h"
-#include "interposer.h"
 #include "log/log_file.h"
-#include "support/child.h"
-#include "support/fakes.h"
-#include "support/log_capture.h"
-#include "support/parked_thread.h"
+#include "support/interposer.h"
+#include "support/library_test.h"
 #include "support/surroundings.h"
-#include "support/test_root.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using test_root::ReadFile;
-using Texts = std::vector<std::string>;
 
 constexpr uint32_t kLog = QUORVEL_FLAG_LOG;
 // Under emulation a dump of all threads takes five seconds, and there are thousands.
@@ -36,13 +30,11 @@ constexpr uint32_t kRecover = QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY;
 const int kErrors[] = {EINTR,  ENOSPC, EDQUOT, EROFS,  EMFILE, ENFILE,
                        EACCES, EIO,    ESTALE, ENOMEM, EPERM};
 
-// Time stands still but between incidents; pauses are counted, not slept.
-class Incident : public testing::Test {
+// Of the first thread, which waits for the test's. Time stands still but between incidents; pauses
+// are counted, not slept.
+class Incident : public LibraryTest {
  protected:
   Incident() {
-    test_root::SetProperty("dravik.event.12.config", "1");
-    test_root::SetProperty("debug.atrace.tags.enableflags", "0x800");
-    test_root::WriteFile(test_root::Path("/sys/kernel/tracing/trace_marker"), "");
     fakes.time = [] { return now_; };
     fakes.gettimeofday = [this](timeval* now) { return *now = {now_, 1000 * millisecond_++}, 0; };
     fakes.usleep = [this](useconds_t) { return ++pauses_, 0; };
@@ -61,10 +53,9 @@ class Incident : public testing::Test {
     millisecond_ = calls_ = pauses_ = 0;
     log_.Clear();
     test_root::WriteFile(journal_, "");
-    const QuorvelCallback callback = [](void* calls) { ++*static_cast<int*>(calls); };
+    const Function callback = [this] { ++calls_; };
     t_fault = fault;
-    QuorvelTimeoutResponse({0x201, callback, thread_.tid(), name.c_str(), now_, &calls_, flags},
-                           false);
+    LibraryTest::Respond(flags, callback, name.c_str(), getpid());
     t_fault = nullptr;
     EXPECT_EQ(calls_, 1);
   }
@@ -72,7 +63,7 @@ class Incident : public testing::Test {
   // What the last incident logged as an error, without what every one does and without stacks.
   Texts Failures() const {
     Texts texts;
-    const char* const usual = "@(Trigger 0x201 *|not set recovery *|\ntid = *|  #*|[[]*)";
+    const char* const usual = "@(Trigger 0x20a *|not set recovery *|\ntid = *|  #*|[[]*)";
     for (std::string text : log_.Lines("E/")) {
       text.erase(0, text.find(": ") + 2);
       // A thread that runs in user mode at the moment has an empty kernel stack.
@@ -92,9 +83,9 @@ class Incident : public testing::Test {
     return std::count_if(fs::directory_iterator(dir_), {}, is_log);
   }
   static bool HasHeader(const std::string& path) {
-    return ReadFile(path).find("\n>>> fault_tests <<<\n") != std::string::npos;
+    return ReadFile(path).find("\n>>> unit_tests <<<\n") != std::string::npos;
   }
-  bool HasEvent() const { return ReadFile(journal_).find("}\n") != std::string::npos; }
+  bool HasEvent() const { return Journal().find("}\n") != std::string::npos; }
 
   // Whatever went wrong before, the next incident has its file, within the limit; a lock that was
   // left behind goes after five looks at it.
@@ -158,13 +149,9 @@ class Incident : public testing::Test {
 
   static inline time_t now_ = 1763315480;  // the rate limit lives as long as the process
   const std::string dir_ = test_root::Path(test_root::kLogDir);
-  const std::string journal_ = test_root::Path(test_root::kJournal);
   const Texts not_ready_ = {"log path " + dir_ + ", not ready, skip logging...\n"};
   std::string log_path_;
   int millisecond_ = 0, calls_ = 0, pauses_ = 0;
-  ScopedFakes restore_;
-  LogCapture log_;
-  ParkedThread thread_{Sleep};
 };
 using FaultyCall = Incident;
 using FaultyExit = Incident;
@@ -233,7 +220,7 @@ TEST_F(FaultyCall, OfTheListOfThreadsIsReportedForBothKindsOfStacks) {
 }
 
 TEST_F(FaultyCall, OnAStackIsReportedForIt) {
-  const std::string tid = std::to_string(thread_.tid());
+  const std::string tid = std::to_string(getpid());
   const std::string no_unwind = "Unwind failed: tid = " + tid + ": ";
   const std::string no_signal = "_unwind_locked: cannot send signal 33 to " + tid + ", {s}";
   ExpectWhileFailing("malloc", "*", {"malloc buff failed\n"});
@@ -272,7 +259,7 @@ TEST_F(FaultyCall, ALockMadeAgainAndAgainHoldsAnIncidentUpOnlyForHalfASecond) {
 }
 
 TEST_F(FaultyExit, OfTwentyProcessesKilledAnywhereLeavesNoLockNoTornRecordAndNotTooManyFiles) {
-  const std::string record_name = QuorvelRecoveryRecordName(false, "fault_tests");
+  const std::string record_name = QuorvelRecoveryRecordName(false, "unit_tests");
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -346,7 +333,7 @@ TEST_F(Hostile, NamesOfProgramAndWatchAreWrittenAsTheyAreOrTheirLineIsDropped) {
     SCOPED_TRACE(name.substr(0, 40));
     fakes.getprogname = [&name] { return name.c_str(); };
     Respond(kLog, nullptr, name);
-    const std::string log = ReadFile(log_path_), event = ReadFile(journal_);
+    const std::string log = ReadFile(log_path_), event = Journal();
     const bool fits = name != too_long;
     EXPECT_EQ(log.find("timeout function: " + name + "\n") != std::string::npos, fits);
     EXPECT_EQ(log.find(">>> " + name + " <<<\n") != std::string::npos, fits);
