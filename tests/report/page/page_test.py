@@ -1,30 +1,25 @@
-#!/usr/bin/python3
-"""The page of quorvel-report --html, in a real browser.
-
-    page_test.py PROGRAM [unittest's arguments]
-"""
+"""The page of quorvel-report --html, in a real browser."""
 
 import os
 import pathlib
-import subprocess
 import sys
-import tempfile
 import unittest
+
+import sample_logs
+from report_case import ReportTest
 
 AXE = pathlib.Path(__file__).resolve().parent / "node_modules/axe-core/axe.min.js"
 SKIPPED = 77  # ctest's sign that a test could not run
 try:
-    import browser
+    from page import browser
     from selenium.common.exceptions import JavascriptException
     from selenium.webdriver.common.keys import Keys
-    import sample_logs
     for needed in (AXE, browser.CHROMIUM, browser.CHROMEDRIVER):
         os.stat(needed)
 except (ImportError, OSError) as missing:
     print(f"{missing}: scripts/setup page")
     sys.exit(1 if os.environ.get("CI") else SKIPPED)
 
-PROGRAM = os.path.abspath(sys.argv.pop(1))
 MANY_INCIDENTS, MANY_THREADS, MANY_SECONDS = 1000, 50, 3
 HOSTILE = "</script><script>window.hit=1</script><img src=x onerror='window.hit=1'>"
 
@@ -34,7 +29,7 @@ def setUpModule():
     unittest.addModuleCleanup(PageTest.browser.quit)
 
 
-class PageTest(unittest.TestCase):
+class PageTest(ReportTest):
     browser = None  # one for all tests: each opens a page of its own
 
     def tearDown(self):
@@ -45,13 +40,10 @@ class PageTest(unittest.TestCase):
 
     def open(self, *texts, address=""):
         """Opens the page of these logs."""
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
         for i, text in enumerate(texts):
-            log = pathlib.Path(directory.name, f"quorvel@{sample_logs.FIRST_MS + i}.log")
-            log.write_text(text, encoding="utf-8")
-        self.page = os.path.join(directory.name, "page.html")
-        subprocess.run([PROGRAM, "--html", self.page, directory.name], check=True, timeout=100)
+            self.write(f"quorvel@{sample_logs.FIRST_MS + i}.log", text)
+        self.run_it("--html", "page.html", ".")
+        self.page = f"{self.dir}/page.html"
         self.seconds = self.browser.open(self.page, address)
 
     def raw_log(self):
@@ -59,6 +51,7 @@ class PageTest(unittest.TestCase):
         return self.browser.execute_script("return document.querySelector('.raw-log pre').textContent")
 
     def setUp(self):
+        super().setUp()
         self.browser.set_view()
 
 
@@ -301,7 +294,3 @@ class Accessibility(PageTest):
     def test_overview_has_no_fault(self):
         self.open(*(sample_logs.log_text(sample_logs.deadlock(), watch=f"w{i % 3}") for i in range(9)))
         self.check(lambda: None)
-
-
-if __name__ == "__main__":
-    unittest.main()
