@@ -1,4 +1,7 @@
-"""A directory of logs that a test makes, and quorvel-report as it is called on them."""
+"""A directory of logs that a test makes, and quorvel-report as it is called on them.
+
+A single test: QUORVEL_REPORT=PROGRAM python3 -B -m unittest reader_test -k cut_anywhere
+"""
 
 import json
 import os
@@ -7,7 +10,7 @@ import subprocess
 import tempfile
 import unittest
 
-PROGRAM = os.environ["QUORVEL_REPORT"]
+PROGRAM = os.path.abspath(os.environ["QUORVEL_REPORT"])
 LOG = "quorvel@1795382028123.log"
 
 
