@@ -72,7 +72,7 @@ class CallTest(ReportTest):
                              (["device", "empty"], ["a=b", ""]))
 
     def test_missing_facts_are_invented(self):
-        incident = self.read("timeout tid: x\n", "cut.log")
+        incident = self.read("timeout tid: 5x\n", "cut.log")
         self.assertEqual([key for key, value in incident.items() if value is None],
                          ["written", "utc_offset_seconds", "started", "armed_seconds", "tid",
                           "watch", "program", "fingerprint"])

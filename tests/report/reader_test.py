@@ -72,33 +72,36 @@ class ReaderTest(ReportTest):
         text = (header() + kernel(100, "futex_wait", "do_futex") + kernel(101, "pipe_read")
                 + user(100, "libc:flock", "work") + user(101, "libc:read")
                 + "Unwind failed: tid = 12345: gone\n")
-        whole = {thread["tid"]: thread["user"] for thread in self.read(text, "whole")["threads"]}
+        whole = {thread["tid"]: thread for thread in self.read(text, "whole")["threads"]}
         lengths = range(text.index("tid: 100\n") + 9, len(text))
         for length in lengths:
             self.write(f"quorvel@cut{length:04}.log", text[:length])
         for length, cut in zip(lengths, self.lines("--json", "."), strict=True):
             self.assertEqual(bool(cut["problems"]), text[length - 1] != "\n", length)
             for thread in cut["threads"]:
-                frames = thread["user"]
-                self.assertEqual(frames, whole[thread["tid"]][:len(frames)], length)
+                same = whole[thread["tid"]]
+                self.assertEqual(thread["user"], same["user"][:len(thread["user"])], length)
+                for frame, uncut in zip(thread["kernel"], same["kernel"]):
+                    self.assertEqual(frame.split("/")[0], uncut.split("/")[0], length)
 
     def test_lines_of_the_program_hide_the_header(self):
-        lines = "client: timeout tid: 5\ntimeout tid: 5\ntimeout function: other\n"
-        self.write(LOG, "client: starting\n" + header() + lines + user(100, "work"))
+        lines = "timeout tid: 5\ntimeout function: other\n>>> other <<<\n"
+        self.write(LOG, "client: timeout tid: 5\n" + header() + lines + user(100, "work"))
         text = self.run_it(LOG).stdout
-        self.assertIn('"transfer-money" for 3 s', text)
+        self.assertIn('bank_service hung in "transfer-money" for 3 s\n', text)
         self.assertIn(", thread 100\n", text)
         self.assertEqual([line.strip() for line in text.splitlines()[-5:]],
-                         ["Printed by the program", "client: starting", *lines.splitlines()])
+                         ["Printed by the program", "client: timeout tid: 5", *lines.splitlines()])
 
     def test_garbage_between_sections_is_not_counted(self):
         incident = self.read(header() + kernel(100, "do_wait") + "\udcff\udcfe garbage\n"
-                             + user(100, "work") + "x" * 200000
+                             + user(100, "work") + "not one\n" + "x" * 200000
                              + "\n  #07 pc 0000000000001000  /x\n" + user(100, "again"))
         self.assertEqual(incident["problems"],
                          ["line 10: not a line of a kernel stack: \ufffd\ufffd garbage",
-                          "line 14: too long, left out", "line 15: frame 7 where frame 1 belongs",
-                          "line 17: a second section of thread 100, which is left out"])
+                          "line 14: not a frame: not one", "line 15: too long, left out",
+                          "line 16: frame 7 where frame 1 belongs",
+                          "line 18: a second section of thread 100, which is left out"])
         self.assertEqual(len(incident["threads"][0]["user"]), 2)
 
     def test_hostile_names_reach_an_output(self):
