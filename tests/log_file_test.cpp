@@ -14,7 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using test_root::kLogDir;
-using test_root::kVendorLogDir;
 using testing::ElementsAre;
 
 constexpr int kLog = QUORVEL_FLAG_LOG;
@@ -32,10 +31,10 @@ class LogFile : public LibraryTest {
   }
 
   // Begins an incident; its file's name, empty without one.
-  std::string Begin(int flags = kLog, bool is_vendor = false) {
+  std::string Begin(int flags = kLog) {
     QuorvelDropLogInChild();
     pauses_.clear();
-    QuorvelInitLog(flags, is_vendor);
+    QuorvelInitLog(flags, false);
     if (QuorvelGetLogFd() < 0) return "";
     const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(QuorvelGetLogFd()));
     EXPECT_EQ(path, fs::canonical(QuorvelLastLogPath()));
@@ -57,12 +56,6 @@ TEST_F(LogFile, OnlyTheLogFlagOpensOne) {
     EXPECT_EQ(QuorvelGetLogFlags(), flags);
   }
   EXPECT_EQ(log_.Lines(), Texts{});
-}
-
-TEST_F(LogFile, AVendorProgramsLiesInTheVendorsDirectory) {
-  Begin(kLog, true);
-  EXPECT_EQ(test_root::List(kVendorLogDir), Texts{name_});
-  EXPECT_EQ(test_root::List(kLogDir), Texts{});
 }
 
 TEST_F(LogFile, ItsNameHasThreeDigitsOfMilliseconds) {

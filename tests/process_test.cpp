@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "core/monitor_thread.h"
-#include "core/watch_registry.h"
 #include "support/library_test.h"
 #include "support/surroundings.h"
 #include "unwind/unwindstack_wrapper_thread.h"
@@ -138,14 +137,14 @@ TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
   const auto in_child = [] {
     using Clock = std::chrono::steady_clock;
     std::atomic<int> fired{0};
-    const auto note = [](void* arg) { ++*static_cast<std::atomic<int>*>(arg); };
+    Function callback = [&] { ++fired; };
     void* const library = dlopen(QUORVEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     const auto start = Clock::now();
     quorvel_init();
     reinterpret_cast<decltype(&quorvel_init)>(dlsym(library, "quorvel_init"))();
-    __quorvel_start_ex("n", 3, note, &fired, 0);
+    Start(3, &callback);
     reinterpret_cast<decltype(&__quorvel_start_ex)>(dlsym(library, "__quorvel_start_ex"))(
-        "n", 3, note, &fired, 0);
+        "n", 3, Call, &callback, 0);
     signal(SIGALRM, [](int) {});
     signal(SIGUSR1, [](int) {});
     sigset_t all;

@@ -4,8 +4,7 @@
 #include <quorvel/watch.hpp>
 
 #include <array>
-#include <atomic>
-#include <memory>
+#include <future>
 #include <thread>
 
 #include "core/monitor_thread.h"
@@ -50,18 +49,6 @@ class WatchHpp : public LibraryTest {
   QuorvelMonitor monitor_;
 };
 
-// A callable that tells that it has begun, and returns when it is allowed to.
-struct Gate {
-  void Pass() {
-    begun = true;
-    while (!open) std::this_thread::yield();
-  }
-  void AwaitBegin() const {
-    while (!begun) std::this_thread::yield();
-  }
-  std::atomic<bool> begun{false}, open{false};
-};
-
 TEST_F(WatchHpp, ACallableEndedInTimeIsDestroyedAndNotCalled) {
   Watch watch("n", kSecond, [life = life_] { ++*life; });
   EXPECT_EQ(watch.state(), State::kArmed);
@@ -103,20 +90,21 @@ TEST_F(WatchHpp, ALateCallFindsNeitherItsOwnCallableNorTheNextOneInItsPlace) {
 }
 
 TEST_F(WatchHpp, AnEndWaitsForACallableThatRunsWhereverTheWatchWasMovedMeanwhile) {
-  Gate gate;
+  std::promise<void> begun, open;
   std::atomic<bool> returned{false};
   Watch watch("n", kSecond, [&, life = life_] {
-    gate.Pass();
+    begun.set_value();
+    open.get_future().wait();
     usleep(20000);  // an End that does not wait is through by now
     EXPECT_EQ(life.use_count(), 2);
     returned = true;
   });
   std::thread monitor([this] { Expire(); });
-  gate.AwaitBegin();
+  begun.get_future().wait();
   Watch moved(std::move(watch));
   EXPECT_EQ(watch.End(), State::kNone);  // NOLINT(bugprone-use-after-move): defined to be empty
   EXPECT_TRUE(moved.fired());
-  gate.open = true;
+  open.set_value();
   errno = EDOM;
   EXPECT_EQ(moved.End(), State::kFired);
   EXPECT_EQ(errno, EDOM);
@@ -168,10 +156,13 @@ TEST_F(WatchHpp, AChildOfAForkDestroysItsCopyAndEndsNothing) {
 }
 
 TEST_F(WatchHpp, AChildDoesNotWaitForACallableThatRanInTheParent) {
-  Gate gate;
-  Watch watch("n", kSecond, [&gate, life = life_] { gate.Pass(); });
+  std::promise<void> begun, open;
+  Watch watch("n", kSecond, [&, life = life_] {
+    begun.set_value();
+    open.get_future().wait();
+  });
   std::thread monitor([this] { Expire(); });
-  gate.AwaitBegin();
+  begun.get_future().wait();
   EXPECT_EQ(StatusInChild([&] {
               EXPECT_EQ(watch.End(), State::kNone);
               EXPECT_EQ(Alive(), 1) << "half-run";
@@ -179,7 +170,7 @@ TEST_F(WatchHpp, AChildDoesNotWaitForACallableThatRanInTheParent) {
               EXPECT_EQ(own.state(), State::kRefused);
             }),
             0);
-  gate.open = true;
+  open.set_value();
   monitor.join();
 }
 

@@ -3,11 +3,8 @@
 
 #include <android/log.h>
 #include <dlfcn.h>
-#include <errno.h>
 #include <gtest/gtest.h>
 #include <link.h>
-#include <sched.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 
@@ -227,7 +224,6 @@ TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
   ASSERT_NE(library, nullptr) << dlerror();
   reinterpret_cast<decltype(&quorvel_init)>(dlsym(library, "quorvel_init"))();
   void* const start = dlsym(library, "__quorvel_start_ex");
-  const auto begin = std::chrono::steady_clock::now();
   reinterpret_cast<decltype(&__quorvel_start_ex)>(start)("late", 1, nullptr, nullptr, kStacks);
   dlclose(library);  // it stays
   std::string section;
@@ -239,7 +235,6 @@ TEST(LateLoad, ThreadsThatWereThereBeforeAreInTheIncident) {
       section = SectionOf(older.tid(), test_root::ReadFile(log));
     }
   }
-  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "too early";
   EXPECT_NE(section.find("ParkedThread"), std::string::npos) << section;
 }
 

@@ -76,12 +76,6 @@ static std::vector<std::string> OwnWords() {
   return words;
 }
 
-std::string OwnCommand(const std::string& filter) {
-  std::string command;
-  for (const std::string& word : OwnWords()) command += "'" + word + "' ";
-  return command + "--gtest_filter='" + filter + "'";
-}
-
 }  // namespace test_root
 
 // The library reads its root and the time zone before main runs, so they have to be there earlier
@@ -110,15 +104,9 @@ int main(int argc, char** argv) {
 #endif
   testing::InitGoogleTest(&argc, argv);
   if (*TEST_EMULATOR != '\0') testing::internal::SetInjectableArgvs(test_root::OwnWords());
-#if defined(TESTS_ON_SECOND_THREAD)
-  // Its id is not the process's, so that a mix-up of the two shows.
   int result = 1;
+  // Of a thread whose id is not the process's, so that a mix-up of the two shows.
   std::thread([&result] { result = RUN_ALL_TESTS(); }).join();
-#else
-  const int result = RUN_ALL_TESTS();
-#endif
   if (g_own_root) test_root::RemoveTree("/");
-  if (testing::UnitTest::GetInstance()->test_to_run_count() > 0) return result;
-  fprintf(stderr, "no test has this name\n");
-  return 1;
+  return testing::UnitTest::GetInstance()->test_to_run_count() > 0 ? result : 1;
 }

@@ -32,9 +32,6 @@ std::vector<std::string> List(const std::string& device_path);
 std::string ReadFile(const std::string& machine_path);
 void WriteFile(const std::string& machine_path, const std::string& content);
 
-// What has a shell run the tests of that filter in a new process of this program.
-std::string OwnCommand(const std::string& filter);
-
 }  // namespace test_root
 
 #endif  // QUORVEL_TESTS_SUPPORT_TEST_ROOT_H_
