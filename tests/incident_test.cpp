@@ -24,14 +24,13 @@ class Incident : public LibraryTest {
   Incident() {
     fakes.time = [this] { return now_; };
     fakes.gettimeofday = [](timeval* now) { return *now = {kNow, 7250}, 0; };
-    fakes.getprogname = [this] { return program_; };
+    fakes.getprogname = [] { return "app"; };
   }
 
   time_t now_ = kNow;
   const std::string path_ =
       test_root::Path(std::string(test_root::kLogDir) + "quorvel@1763315480007.log");
   const std::string tid_ = std::to_string(gettid()) + "\n";
-  const char* program_ = "app";
 };
 
 TEST_F(Incident, IsAnnouncedAndHasItsHeaderInTheFileBeforeTheCallbackRuns) {
@@ -148,7 +147,7 @@ TEST_F(Incident, FingerprintIsMadeOfItsPartsInOrder) {
 }
 
 TEST_F(Incident, WithoutAProgramsNameHasItsPathAndNoEvent) {
-  program_ = nullptr;
+  fakes.getprogname = [] { return nullptr; };
   Respond(0);
   const std::string path = std::filesystem::read_symlink("/proc/self/exe");
   EXPECT_TRUE(log_.Has("E/QUORVEL: QuorvelInsertLogTitle get_watched_process_info fail\n"));

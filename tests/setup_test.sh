@@ -14,9 +14,7 @@ tool() {  # a command of that name, its body from stdin
   chmod +x "$work/bin/$1"
 }
 tool dpkg-query <<<'exit 1'  # nothing is installed
-tool id <<'BODY'
-cat "$WORK/uid"
-BODY
+tool id <<<'cat "$WORK/uid"'
 tool apt-get <<'BODY'
 echo "$*" >>"$WORK/asked"
 case "$*" in *--simulate*) cat "$WORK/simulation" ;; esac

@@ -13,7 +13,6 @@
 #include "core/timeout_response.h"
 #include "log/incident_header.h"
 #include "log/log_file.h"
-#include "stress/storm.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "core/watch_registry.h"
-#include "stress/storm.h"
+#include "support/surroundings.h"
 
 namespace {
 

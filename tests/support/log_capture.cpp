@@ -1,5 +1,7 @@
 #include "support/log_capture.h"
 
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -42,9 +44,7 @@ std::vector<std::string> LogCapture::Lines(const std::string& prefix) const {
 }
 
 bool LogCapture::Has(const std::string& text) const {
-  const std::vector<std::string> lines = Lines();
-  return std::any_of(lines.begin(), lines.end(),
-                     [&](const std::string& line) { return line.find(text) != line.npos; });
+  return testing::Matches(testing::Contains(testing::HasSubstr(text)))(Lines());
 }
 
 void LogCapture::Clear() {

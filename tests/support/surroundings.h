@@ -1,4 +1,5 @@
-// What tests run under: sanitizers, and a kernel that is emulated, old, or behind a filter.
+// What tests run under: sanitizers, a kernel that is emulated, old, or behind a filter, a time to
+// last.
 #ifndef QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
 #define QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
 
@@ -7,6 +8,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <stddef.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -35,6 +37,12 @@ inline bool Emulated() {
 
 #define SKIP_UNDER_EMULATION(reason) \
   if (Emulated()) GTEST_SKIP() << "under emulation: " << (reason)
+
+// QUORVEL_STRESS_SECONDS is for both storms together.
+inline unsigned StormSeconds() {
+  const char* const seconds = getenv("QUORVEL_STRESS_SECONDS");
+  return static_cast<unsigned>(seconds != nullptr ? atoi(seconds) : 20) / 2;
+}
 
 // Puts the calling thread, from now on, behind a filter of its calls.
 inline bool InstallFilter(std::vector<sock_filter> program) {
