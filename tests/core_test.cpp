@@ -14,8 +14,6 @@ namespace {
 
 using android::base::StringPrintf;
 using testing::ElementsAre;
-using testing::ExitedWithCode;
-using testing::IsEmpty;
 
 constexpr time_t kNow = 1763315480;
 constexpr uint32_t kFlags = 0xf0;  // none that has an effect
@@ -61,21 +59,19 @@ TEST_F(Core, AStartOutsideOneToSixtySecondsIsRefusedSilently) {
     EXPECT_EQ(Start(timeout), QUORVEL_INVALID_ID) << timeout;
   }
   EXPECT_EQ(Armed(), 0u);
-  EXPECT_THAT(log_.Lines(), IsEmpty());
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
 }
 
 TEST_F(Core, AnUpdateCountsFromNowAndWrapsAroundTheWheel) {
-  const struct {
-    int32_t timeout;
-    int ticks;
-  } cases[] = {{0, 1}, {1, 2}, {60, 61}, {63, 64}, {64, 1}, {70, 7}, {INT_MAX - 5, 59}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.timeout);
+  const std::pair<int32_t, int> cases[] = {{0, 1},  {1, 2},  {60, 61},         {63, 64},
+                                           {64, 1}, {70, 7}, {INT_MAX - 5, 59}};
+  for (const auto& [timeout, ticks] : cases) {
+    SCOPED_TRACE(timeout);
     QuorvelBuildRegistry();
     const uint32_t id = Start(30);
     for (int i = 0; i < 5; ++i) Pass();
-    EXPECT_EQ(quorvel_update(id, c.timeout), id);
-    EXPECT_EQ(TicksUntilOneFires(), c.ticks);
+    EXPECT_EQ(quorvel_update(id, timeout), id);
+    EXPECT_EQ(TicksUntilOneFires(), ticks);
   }
 }
 
@@ -288,7 +284,7 @@ class CoreRecovery : public LibraryTest {
       _exit(7);
     };
     const char* const end = ends ? "exit process from quorvel$" : "goes on$";
-    EXPECT_EXIT(recover(), ExitedWithCode(ends ? 1 : 7), end);
+    EXPECT_EXIT(recover(), testing::ExitedWithCode(ends ? 1 : 7), end);
   }
   void ExpectRecord(const std::string& before, const std::string& after) {
     SCOPED_TRACE(before);

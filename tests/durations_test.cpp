@@ -13,7 +13,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::Not;
 
 // The time is the test's, the table empty.
 class Durations : public LibraryTest {
@@ -89,7 +88,7 @@ TEST_F(Durations, AWatchIsMeasuredOnceWhereverItIsMoved) {
 
 TEST_F(Durations, ATimeoutThatIsRefusedIsNotMeasured) {
   Measure("work", milliseconds(1), seconds(0));
-  EXPECT_THAT(Printed(), Not(HasSubstr("work")));
+  EXPECT_THAT(Printed(), testing::Not(HasSubstr("work")));
 }
 
 TEST_F(Durations, WhatFindsNoRowIsCounted) {

@@ -233,18 +233,19 @@ TEST_F(FaultyCall, OnAStackIsReportedForIt) {
 
 TEST_F(FaultyCall, WhileAPropertyIsSetLeavesItAsItWas) {
   const std::string name = "a.name";
-  for (const char* call : {"open", "write", "fsync", "rename"}) {
-    test_root::SetProperty(name, "old");
-    Fault fault = {call, "*/__properties__/*", EIO};
-    t_fault = &fault;
-    const int result = __system_property_set(name.c_str(), "new");
-    t_fault = nullptr;
-    EXPECT_EQ(result, -1) << call;
-    EXPECT_EQ(fault.struck, call);
-    EXPECT_EQ(test_root::PropertyText(name), "old");
-    const std::string left = ".new." + std::to_string(getpid()) + "." + std::to_string(gettid());
-    EXPECT_EQ(test_root::PropertyText(left), "");
-  }
+  for (const char* call : {"open", "write", "fsync", "rename"})
+    RunInChild([&] {  // as a process reports only its first such failure
+      test_root::SetProperty(name, "old");
+      Fault fault = {call, "*/__properties__/*", EIO};
+      t_fault = &fault;
+      const int result = __system_property_set(name.c_str(), "new");
+      t_fault = nullptr;
+      EXPECT_EQ(result, -1) << call;
+      EXPECT_EQ(fault.struck, call);
+      EXPECT_EQ(test_root::PropertyText(name), "old");
+      const std::string left = ".new." + std::to_string(getpid()) + "." + std::to_string(gettid());
+      EXPECT_EQ(test_root::PropertyText(left), "");
+    });
 }
 
 // Its removal seems to come too late each time.

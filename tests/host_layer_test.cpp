@@ -9,9 +9,6 @@
 
 namespace {
 
-using test_root::Path;
-using test_root::PropertyText;
-using test_root::ReadFile;
 using test_root::SetProperty;
 
 class HostLayer : public LibraryTest {
@@ -46,7 +43,7 @@ TEST_F(HostLayer, APropertysNameCannotLeadOutOfTheStore) {
     EXPECT_EQ(Get(name), "") << name;
   }
   EXPECT_EQ(__system_property_set(nullptr, "overwritten"), -1);
-  EXPECT_EQ(PropertyText("victim"), "kept");
+  EXPECT_EQ(test_root::PropertyText("victim"), "kept");
 }
 
 TEST_F(HostLayer, AReadOnlyPropertyIsSetOnlyOnce) {
@@ -69,14 +66,13 @@ TEST_F(HostLayer, OneNewlineAtTheEndOfAPropertysFileIsNotOfItsValue) {
 
 TEST_F(HostLayer, AStoreThatIsMissingIsReportedOnce) {
   test_root::RemoveTree(kStore);
-  const auto in_child = [this] {
+  RunInChild([this] {
     EXPECT_EQ(__system_property_set("a.name", "1"), -1);
     __system_property_set("b.name", "1");
     EXPECT_THAT(log_.Lines("W/properties: cannot set a.name: No such file or directory; "),
                 testing::SizeIs(1));
     EXPECT_THAT(log_.Lines(), testing::SizeIs(1));
-  };
-  EXPECT_EQ(StatusInChild(in_child), 0);
+  });
 }
 
 TEST_F(HostLayer, AnEventIsOneLineOfTheJournalWhateverItsTextsHold) {
@@ -92,15 +88,14 @@ TEST_F(HostLayer, AnEventIsOneLineOfTheJournalWhateverItsTextsHold) {
 }
 
 TEST_F(HostLayer, AStackThatTheKernelKeepsToItselfIsReplacedByTheThreadsState) {
-  const auto without_privileges = [] {
+  RunInChild([] {
     char text[4096];
     pthread_setname_np(pthread_self(), "odd) Z (name");
     EXPECT_TRUE(getuid() != 0 || setuid(65534) == 0);
     EXPECT_EQ(DravikGetStack(gettid(), text), 0);
     EXPECT_THAT(text, testing::MatchesRegex(".no kernel stack: .*. state R, .*\n"));
     EXPECT_NE(DravikGetStack(INT_MAX, text), 0);
-  };
-  EXPECT_EQ(StatusInChild(without_privileges), 0);
+  });
 }
 
 TEST_F(HostLayer, ATraceThatNobodySetUpIsNotMade) {
@@ -111,14 +106,14 @@ TEST_F(HostLayer, ATraceThatNobodySetUpIsNotMade) {
   test_root::WriteFile(trace_, "");
   atrace_begin(ATRACE_TAG_HAL << 1, "of another tag");
   atrace_end(ATRACE_TAG_HAL << 1);
-  EXPECT_EQ(ReadFile(trace_), "");
+  EXPECT_EQ(test_root::ReadFile(trace_), "");
 }
 
 // Runs itself.
 TEST_F(HostLayer, ARootThatNoTestMadeIsNotUsed) {
   SKIP_UNDER_EMULATION("the kernel alone cannot run it");
   test_root::MakeEmptyDir("/of_the_user");
-  const std::string command = "QUORVEL_HOST_ROOT=" + Path("/of_the_user") + " /proc/" +
+  const std::string command = "QUORVEL_HOST_ROOT=" + test_root::Path("/of_the_user") + " /proc/" +
                               std::to_string(getpid()) + "/exe --gtest_filter='*.AReadOnly*' >&2";
   EXPECT_EQ(system(command.c_str()), 0);
   EXPECT_EQ(test_root::List("/of_the_user"), Texts{});
@@ -129,15 +124,14 @@ TEST_F(HostLayer, AForkedChildHasTheCalendarOfTheCLibraryAndNoTimeBeyondIt) {
   const long offset = localtime(&now)->tm_gmtoff;
   constexpr time_t kBegin = -62135510400, kEnd = 253402214400;  // a day within years 1 to 9999
   constexpr time_t kStep = 3155701;  // a prime, so that all days of a year come
-  const auto in_child = [&] {
+  RunInChild([&] {
     char ours[64], theirs[64];
     for (time_t at = kBegin; at < kEnd; at += kStep) {
       const time_t shifted = at + offset;
       ASSERT_STREQ(ctime_r(&at, ours), asctime_r(gmtime(&shifted), theirs)) << at;
     }
     EXPECT_EQ(ctime_r(&beyond, ours), nullptr);
-  };
-  EXPECT_EQ(StatusInChild(in_child), 0);
+  });
 }
 
 }  // namespace

@@ -14,8 +14,6 @@ namespace {
 using test_root::ReadFile;
 using test_root::SetProperty;
 using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 constexpr time_t kNow = 1763315480;
 
@@ -53,9 +51,9 @@ TEST_F(Incident, HasKernelStacksThenUserStacksAfterTheHeader) {
     QuorvelPrintLine("said by the callback");  // which no flush comes for
   });
   const std::string text = ReadFile(path_);
-  EXPECT_THAT(text, StartsWith(header + "\nkernel stack tid = " + tid_));
+  EXPECT_THAT(text, testing::StartsWith(header + "\nkernel stack tid = " + tid_));
   EXPECT_THAT(text.substr(header.size()), HasSubstr("\n\ntid = " + tid_));
-  EXPECT_THAT(text, Not(HasSubstr("said by the callback")));
+  EXPECT_THAT(text, testing::Not(HasSubstr("said by the callback")));
 }
 
 TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
@@ -72,15 +70,14 @@ TEST_F(Incident, WithoutACallbackOrFlagsIsReportedAllTheSame) {
 }
 
 TEST_F(Incident, HasItsFileAlsoWhereThatIsDescriptorZero) {
-  const auto in_child = [this] {
+  RunInChild([this] {
     close(STDIN_FILENO);
     Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE,
             [] { EXPECT_EQ(QuorvelGetLogFd(), STDIN_FILENO); });
     EXPECT_THAT(ReadFile(path_), HasSubstr("\n>>> app <<<\n"));
     EXPECT_THAT(ReadFile(path_), HasSubstr("\n\ntid = "));
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
-  };
-  EXPECT_EQ(StatusInChild(in_child), 0);
+  });
 }
 
 TEST_F(Incident, ClosesItsFileAndNoOther) {

@@ -7,7 +7,6 @@
 #include <sched.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -17,9 +16,6 @@
 #include "unwind/unwindstack_wrapper_thread.h"
 
 namespace {
-
-using testing::ElementsAre;
-using testing::ExitedWithCode;
 
 // The monitor sleeps only as long as the test lets it. Each process begins with the test's own
 // constructor, and no thread but the calling one and the first, which waits.
@@ -55,7 +51,7 @@ class Process : public LibraryTest {
   // Runs the body in a new process, which ends well unless an expectation fails in it.
   template <typename Body>
   static void ExpectEndsWell(const Body& body) {
-    EXPECT_EXIT((alarm(30), body(), _exit(HasFailure() ? 1 : 0)), ExitedWithCode(0), "");
+    EXPECT_EXIT((alarm(30), body(), _exit(HasFailure() ? 1 : 0)), testing::ExitedWithCode(0), "");
   }
 
   std::atomic<int> sleeps_{0}, allowed_sleeps_{0};
@@ -134,7 +130,7 @@ TEST_F(Process, TheMonitorTakesNoSignalButItsOwnFaultsAndTheCLibrarys) {
 TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
   SKIP_WHERE_A_CHILD_HAS_NO_THREADS();
   fakes.sleep = nullptr;
-  const auto in_child = [] {
+  RunInChild([] {
     using Clock = std::chrono::steady_clock;
     std::atomic<int> fired{0};
     Function callback = [&] { ++fired; };
@@ -159,8 +155,7 @@ TEST_F(Process, AStormOfSignalsDoesNotHurryAWatch) {
     }
     // On an idle machine it is 4 s at most; ticks of two seconds, made up for, would take 8.
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(7));
-  };
-  EXPECT_EQ(StatusInChild(in_child), 0);
+  });
 }
 
 class ProcessFork : public Process {};
@@ -186,12 +181,12 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
     });
     for (int lock = 1; lock <= 4; ++lock) {
       while (held < lock) std::this_thread::yield();
-      const auto in_child = [&] {
+      SCOPED_TRACE(lock);
+      RunInChild([&] {
         InitWithoutMonitor();
         quorvel_end(Start(60));
         EXPECT_NE(unwindstack_wrapper_thread::get(getpid(), gettid(), true), nullptr);
-      };
-      EXPECT_EQ(StatusInChild(in_child), 0) << lock;
+      });
       allowed = lock;
     }
     other.join();
@@ -201,7 +196,7 @@ TEST_F(ProcessFork, NoLockOfTheParentHoldsUpTheChild) {
 TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInItAndTheParentGoesOn) {
   InitWithoutMonitor();
   const uint32_t parents = Start(60);
-  const auto in_child = [&] {
+  RunInChild([&] {
     fakes.pthread_create = [](void* (*)(void*)) { return EAGAIN; };
     for (int attempt = 0; attempt < 2; ++attempt) {
       EXPECT_EQ(Start(10), QUORVEL_INVALID_ID);
@@ -209,14 +204,13 @@ TEST_F(ProcessFork, TheChildRefusesUntilAnInitSucceedsInItAndTheParentGoesOn) {
       quorvel_end(parents);
       if (attempt == 0) quorvel_init();
     }
-    EXPECT_THAT(log_.Lines(),
-                ElementsAre("E/QUORVEL: pthread_create return fail, QuorvelManagerInit\n"));
+    EXPECT_THAT(log_.Lines(), testing::ElementsAre(
+                                  "E/QUORVEL: pthread_create return fail, QuorvelManagerInit\n"));
     fakes.pthread_create = [](void* (*body)(void*)) { return body == QuorvelThreadHandle ? 0 : 1; };
     quorvel_init();
     EXPECT_NE(Start(10), QUORVEL_INVALID_ID);
     EXPECT_EQ(Armed(), 1u);
-  };
-  EXPECT_EQ(StatusInChild(in_child), 0);
+  });
   threads_made_ = 0;
   quorvel_init();
   EXPECT_EQ(threads_made_, 0);
@@ -232,14 +226,13 @@ TEST_F(ProcessFork, AnInitInAHandlerOfTheHostsThatCameFirstLasts) {
     InitWithoutMonitor();
     Start(60);
     threads_made_ = 0;
-    const auto in_child = [&] {
+    RunInChild([&] {
       EXPECT_EQ(threads_made_, 1);
       EXPECT_EQ(Armed(), 1u);
       EXPECT_EQ(quorvel_update(g_early_watch, 60), g_early_watch);
       const QuorvelMutexLock lock(&g_registry.lock);
       EXPECT_EQ(QuorvelFindNode(g_early_watch)->tid, syscall(SYS_gettid));
-    };
-    EXPECT_EQ(StatusInChild(in_child), 0);
+    });
   });
 }
 
@@ -256,7 +249,6 @@ TEST_F(ProcessFork, AChildMadeWithoutForkHandlersIsResetByItsInit) {
   quorvel_end(id);
 }
 
-// Incidents of a process whose events are sent.
 class ProcessForkedIncident : public Process {
  protected:
   ProcessForkedIncident() { InitWithoutMonitor(); }
@@ -274,10 +266,7 @@ class ProcessForkedIncident : public Process {
     close(ended.fd);
     return StatusOf(child);
   }
-  static auto Events() {
-    const std::string journal = Journal();
-    return std::count(journal.begin(), journal.end(), '\n');
-  }
+  static void ExpectOneEvent() { EXPECT_THAT(Journal(), testing::MatchesRegex("[^\n]+\n")); }
 };
 
 TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
@@ -286,11 +275,10 @@ TEST_F(ProcessForkedIncident, TheChildHasARateLimitOfItsOwn) {
     const auto respond = [&] { Respond(QUORVEL_FLAG_LOG, [&] { ++called; }); };
     for (int i = 0; i < 8; ++i) respond();
     EXPECT_EQ(called, 6);
-    const auto in_child = [&] {
+    RunInChild([&] {
       respond();
       EXPECT_EQ(called, 7);
-    };
-    EXPECT_EQ(StatusInChild(in_child), 0);
+    });
     respond();
     EXPECT_EQ(called, 6);
     Respond(QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY);  // dropped whole: it ends nothing
@@ -301,18 +289,17 @@ TEST_F(ProcessForkedIncident, AChildForkedMeanwhileHasNoPartInTheParentsFile) {
   const auto fork_meanwhile = [] {
     const int log = QuorvelGetLogFd();
     EXPECT_NE(log, -1);
-    const auto in_child = [log] {
+    RunInChild([log] {
       EXPECT_EQ(QuorvelGetLogFd(), -1);
       EXPECT_EQ(fcntl(log, F_GETFD), -1);
-    };
-    EXPECT_EQ(StatusInChild(in_child), 0);
+    });
   };
   Respond(QUORVEL_FLAG_LOG, fork_meanwhile);
 }
 
 TEST_F(ProcessForkedIncident, TheChildsReportNamesNoFileOfTheParents) {
   Respond(QUORVEL_FLAG_LOG);
-  EXPECT_EQ(StatusInChild([] { Respond(0); }), 0);
+  RunInChild([] { Respond(0); });
   EXPECT_THAT(Journal(), testing::EndsWith("\"message\":\"unit_tests\"}\n"));
 }
 
@@ -320,7 +307,7 @@ TEST_F(ProcessForkedIncident, AChildThatReturnsFromTheCallbackEndsThere) {
   static const std::string trace = test_root::Path("/exit_handler_ran");
   const auto leave_a_trace = [] { atexit([] { test_root::WriteFile(trace, ""); }); };
   EXPECT_EQ(StatusOfChildOfCallback(leave_a_trace), 0);
-  EXPECT_EQ(Events(), 1);
+  ExpectOneEvent();
   if (Emulated()) return;  // the emulator's thread keeps the one that forked from being the last
   EXPECT_EQ(access(trace.c_str(), F_OK), -1) << "an exit handler of the host ran";
 }
@@ -337,8 +324,8 @@ TEST_F(ProcessForkedIncident, SuchAChildEndsThereAlsoWithTheIdOfItsParent) {
   };
   const auto in_child = [&] {
     if (unshare(CLONE_NEWUSER | CLONE_NEWPID) != 0) _exit(kNoNamespaces);
-    EXPECT_EQ(StatusInChild(in_namespace), 0);
-    EXPECT_EQ(Events(), 1);
+    RunInChild(in_namespace);
+    ExpectOneEvent();
   };
   const int status = StatusInChild(in_child);
   if (status == kNoNamespaces) GTEST_SKIP() << "no pid namespaces";
@@ -350,7 +337,7 @@ TEST_F(ProcessForkedIncident, OtherThreadsOfSuchAChildLiveOn) {
   fakes.pthread_create = nullptr;
   const auto start_thread = [] { std::thread([] { usleep(200000), _exit(5); }).detach(); };
   EXPECT_EQ(StatusOfChildOfCallback(start_thread), 5);
-  EXPECT_EQ(Events(), 1);
+  ExpectOneEvent();
 }
 
 TEST_F(ProcessForkedIncident, SuchAChildDoesNotLiveOnForItsOwnMonitorAlone) {

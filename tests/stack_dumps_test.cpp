@@ -12,8 +12,6 @@
 
 namespace {
 
-using testing::ElementsAre;
-
 __attribute__((noinline)) void SleepBelow(const std::atomic<bool>& stop, int depth = 70) {
   depth > 0 ? SleepBelow(stop, depth - 1) : Sleep(stop);
   asm volatile("");
@@ -111,32 +109,32 @@ TEST_F(StackDumps, AKernelStackIsOfItsThreadAndCutWhereTheBufferIsFullAndItsEcho
     QuorvelKernBacktrace(watched_.tid());
     EXPECT_EQ(asked_, tids_);
     EXPECT_TRUE(File() == Sections()) << size;
-    EXPECT_THAT(log_.Lines("E/QUORVEL: "), ElementsAre(stack_.substr(0, kMessage)));
+    EXPECT_THAT(log_.Lines("E/QUORVEL: "), testing::ElementsAre(stack_.substr(0, kMessage)));
   }
 }
 
 // The kernel shows a stack only to a dumpable process.
-class StackDumpsDumpable : public StackDumps, public testing::WithParamInterface<int> {
- protected:
-  StackDumpsDumpable() { EXPECT_EQ(prctl(PR_SET_DUMPABLE, GetParam()), 0); }
-  ~StackDumpsDumpable() override { prctl(PR_SET_DUMPABLE, 1); }
-};
-INSTANTIATE_TEST_SUITE_P(, StackDumpsDumpable, testing::Values(0, 1));
-
-TEST_P(StackDumpsDumpable, IsAsBeforeAfterwards) {
-  QuorvelKernBacktrace(watched_.tid());
-  EXPECT_FALSE(asked_.empty());
-  EXPECT_EQ(prctl(PR_GET_DUMPABLE), GetParam());
+TEST_F(StackDumps, LeaveTheProcessAsDumpableAsItWas) {
+  for (const int dumpable : {0, 1}) {
+    prctl(PR_SET_DUMPABLE, dumpable);
+    QuorvelKernBacktrace(watched_.tid());
+    EXPECT_FALSE(asked_.empty());
+    EXPECT_EQ(prctl(PR_GET_DUMPABLE), dumpable);
+  }
 }
 
-TEST_P(StackDumpsDumpable, IsAsBeforeInAChildForkedMeanwhile) {
+TEST_F(StackDumps, LeaveAChildForkedMeanwhileAsDumpableAsItsParentWas) {
   SKIP_UNDER_EMULATION("a forked child may hang");
   InitWithoutMonitor();
-  fakes.DravikGetStack = [](int, char*) {
-    EXPECT_EQ(StatusInChild([] { _exit(prctl(PR_GET_DUMPABLE)); }), GetParam());
+  int dumpable = -1;
+  fakes.DravikGetStack = [&](int, char*) {
+    EXPECT_EQ(StatusInChild([] { _exit(prctl(PR_GET_DUMPABLE)); }), dumpable);
     return -1;
   };
-  QuorvelKernBacktrace(watched_.tid());
+  for (const int was : {0, 1}) {
+    prctl(PR_SET_DUMPABLE, dumpable = was);
+    QuorvelKernBacktrace(watched_.tid());
+  }
 }
 
 }  // namespace

@@ -138,17 +138,16 @@ TEST_F(WatchHpp, AnAssignmentEndsTheWatchThatItReplaces) {
 
 TEST_F(WatchHpp, AChildOfAForkDestroysItsCopyAndEndsNothing) {
   Watch watch("n", seconds(2), [life = life_] { ++*life; });
-  EXPECT_EQ(StatusInChild([&] {
-              quorvel_init();
-              const Watch own("own", seconds(60), [] {});
-              log_.Clear();
-              EXPECT_FALSE(watch.Update(kSecond));
-              EXPECT_EQ(watch.End(), State::kNone);
-              EXPECT_EQ(Alive(), 0);
-              EXPECT_TRUE(log_.Lines().empty());
-              EXPECT_EQ(own.state(), State::kArmed);
-            }),
-            0);
+  RunInChild([&] {
+    quorvel_init();
+    const Watch own("own", seconds(60), [] {});
+    log_.Clear();
+    EXPECT_FALSE(watch.Update(kSecond));
+    EXPECT_EQ(watch.End(), State::kNone);
+    EXPECT_EQ(Alive(), 0);
+    EXPECT_TRUE(log_.Lines().empty());
+    EXPECT_EQ(own.state(), State::kArmed);
+  });
   EXPECT_EQ(Alive(), 1);
   Expire();
   Expire();
@@ -163,28 +162,25 @@ TEST_F(WatchHpp, AChildDoesNotWaitForACallableThatRanInTheParent) {
   });
   std::thread monitor([this] { Expire(); });
   begun.get_future().wait();
-  EXPECT_EQ(StatusInChild([&] {
-              EXPECT_EQ(watch.End(), State::kNone);
-              EXPECT_EQ(Alive(), 1) << "half-run";
-              Watch own("own", kSecond, [life = life_] { ++*life; });
-              EXPECT_EQ(own.state(), State::kRefused);
-            }),
-            0);
+  RunInChild([&] {
+    EXPECT_EQ(watch.End(), State::kNone);
+    EXPECT_EQ(Alive(), 1) << "half-run";
+    Watch own("own", kSecond, [life = life_] { ++*life; });
+    EXPECT_EQ(own.state(), State::kRefused);
+  });
   open.set_value();
   monitor.join();
 }
 
 TEST_F(WatchHpp, AForkFromTheCallableLeavesBothSidesTheirCopy) {
-  int status = -1;
   Watch watch;
   watch = Watch("n", kSecond, [&, life = life_] {
-    status = StatusInChild([&] {
+    RunInChild([&] {
       EXPECT_EQ(watch.End(), State::kNone);
       EXPECT_EQ(life.use_count(), 2) << "it runs in the child as well";
     });
   });
   Expire();
-  EXPECT_EQ(status, 0);
   EXPECT_EQ(watch.End(), State::kFired);
   EXPECT_EQ(Alive(), 0);
 }
@@ -292,7 +288,7 @@ class WatchHppPlugin : public WatchHpp {
     Expire();
     EXPECT_EQ(calls, 1);
     start(&in_time, &calls);
-    EXPECT_EQ(StatusInChild([&] { EXPECT_EQ(in_time.End(), State::kNone); }), 0);
+    RunInChild([&] { EXPECT_EQ(in_time.End(), State::kNone); });
     EXPECT_EQ(theirs.End(), State::kFired);
     EXPECT_EQ(in_time.End(), State::kEnded);
     EXPECT_EQ(end(&own), static_cast<int>(State::kFired));
@@ -385,7 +381,7 @@ TEST_F(WatchHppRace, Moves) {
 TEST_F(WatchHppRace, ForksAroundTheCall) {
   Race([](Watch watch) {
     AwaitCall(watch);
-    EXPECT_EQ(StatusInChild([&] { EXPECT_EQ(watch.End(), State::kNone); }), 0);
+    RunInChild([&] { EXPECT_EQ(watch.End(), State::kNone); });
   });
 }
 

@@ -22,4 +22,10 @@ int StatusInChild(const Body& body) {
   return StatusOf(child);
 }
 
+// Runs the body in a child, in which nothing may fail.
+template <typename Body>
+void RunInChild(const Body& body) {
+  EXPECT_EQ(StatusInChild(body), 0);
+}
+
 #endif  // QUORVEL_TESTS_SUPPORT_CHILD_H_
