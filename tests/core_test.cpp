@@ -28,7 +28,6 @@ class Core : public LibraryTest {
     log_.Clear();
   }
 
-  static uint32_t IndexOf(uint32_t id) { return id % 512; }
   static std::string ReleasedAlready(uint32_t id) {
     return StringPrintf("E/QUORVEL: quorvel_end: alrealy release id 0x%x ?\n", id);
   }
@@ -90,7 +89,7 @@ TEST_F(Core, AnOldIdNeitherMovesNorEndsTheNextWatchOfItsNode) {
   const uint32_t old = Start(30);
   quorvel_end(old);
   const uint32_t id = Start(30);
-  ASSERT_TRUE(IndexOf(id) == IndexOf(old) && id != old);
+  ASSERT_TRUE(id % 512 == old % 512 && id != old);
   EXPECT_EQ(quorvel_update(old, 5), QUORVEL_INVALID_ID);
   quorvel_end(old);
   EXPECT_THAT(log_.Lines(), ElementsAre(ReleasedAlready(old)));

@@ -26,7 +26,6 @@ using test_root::ReadFile;
 constexpr uint32_t kLog = QUORVEL_FLAG_LOG;
 // Under emulation a dump of all threads takes five seconds, and there are thousands.
 const uint32_t kMost = QUORVEL_FLAG_LOG | (Emulated() ? 0 : QUORVEL_FLAG_BACKTRACE);
-constexpr uint32_t kRecover = QUORVEL_FLAG_LOG | QUORVEL_FLAG_RECOVERY;
 const int kErrors[] = {EINTR,  ENOSPC, EDQUOT, EROFS,  EMFILE, ENFILE,
                        EACCES, EIO,    ESTALE, ENOMEM, EPERM};
 
@@ -275,7 +274,7 @@ TEST_F(FaultyExit, OfTwentyProcessesKilledAnywhereLeavesNoLockNoTornRecordAndNot
       if (child != 0) continue;
       fakes = Fakes();
       fakes.time = [] { return now_; };
-      Respond(kRecover, &fault);
+      Respond(kLog | QUORVEL_FLAG_RECOVERY, &fault);
       _exit(1);  // another's exit, later by its clock, has forbidden this one
     }
     poll(nullptr, 0, static_cast<int>(random() % 10));

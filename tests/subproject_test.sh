@@ -19,7 +19,6 @@ cmake --build "$stage/build" >/dev/null
 echo "-- the chosen directory is where everything lies, also after a move"
 cmake --install "$stage/build" --prefix "$stage/prefix" >/dev/null
 mv "$stage/prefix" "$stage/moved"
-[[ ! -e $stage/moved/lib/libquorvel.so ]]
 PKG_CONFIG_PATH=$stage/moved/$libdir/pkgconfig pkg-config --variable=libdir quorvel |
   xargs realpath | grep -qx "$(realpath "$stage/moved/$libdir")"
 [[ -f $stage/moved/$libdir/libquorvel.so && -d $stage/moved/$libdir/cmake/quorvel ]]

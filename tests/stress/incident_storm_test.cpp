@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
-#include <sys/wait.h>
 #include <ucontext.h>
 
 #include <deque>
@@ -13,6 +12,7 @@
 #include "core/timeout_response.h"
 #include "log/incident_header.h"
 #include "log/log_file.h"
+#include "support/child.h"
 #include "support/parked_thread.h"
 #include "support/surroundings.h"
 #include "support/test_root.h"
@@ -86,9 +86,7 @@ const struct Kind {
          unwinder.unwind(-1, &here, 64);
          _exit(unwinder.num_frames > 2 ? 0 : 1);
        }
-       int status = -1;
-       EXPECT_EQ(waitpid(child, &status, 0), child) << "not restarted";
-       EXPECT_EQ(status, 0);
+       EXPECT_EQ(StatusOf(child), 0);
      }},
     {"blocks the signal", true,
      [] {

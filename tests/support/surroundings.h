@@ -1,5 +1,4 @@
-// What tests run under: sanitizers, a kernel that is emulated, old, or behind a filter, a time to
-// last.
+// What tests run under: sanitizers, an emulator, an old or a confined kernel, a time to last.
 #ifndef QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
 #define QUORVEL_TESTS_SUPPORT_SURROUNDINGS_H_
 

@@ -36,8 +36,8 @@ void MakeEmptyDir(const std::string& device_path) {
 }
 
 void MakeEmptyDirs() {
-  for (const char* dir : {kLogDir, kVendorLogDir, "/data/log/dravik/", "/dev/__properties__/",
-                          "/sys/kernel/tracing/"}) {
+  for (const char* dir :
+       {kLogDir, "/data/log/dravik/", "/dev/__properties__/", "/sys/kernel/tracing/"}) {
     MakeEmptyDir(dir);
   }
 }

@@ -10,7 +10,6 @@
 namespace test_root {
 
 inline constexpr char kLogDir[] = "/data/log/reliability/quorvel/";
-inline constexpr char kVendorLogDir[] = "/data/vendor/log/reliability/quorvel/";
 
 // The device path as a path of this machine.
 std::string Path(const std::string& device_path);
