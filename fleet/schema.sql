@@ -18,7 +18,9 @@ CREATE DATABASE IF NOT EXISTS intake;
 -- follows from the millisecond and stands first: a question of some days reads these alone, and FINAL
 -- merges faster where most rows differ in the first column.
 -- Types are wider than any value that the report tool prints, because this release wraps silently.
--- Stack lists are plain strings: lists of LowCardinality refuse a block in which all are empty.
+-- LowCardinality for long texts, which it stores in less. FINAL merges plain strings faster, so the short
+-- ones that questions read are plain. So are stack lists: lists of LowCardinality refuse a block in which
+-- all are empty.
 -- DEFAULT is not computed for a key that a JSON line omits, MATERIALIZED is.
 -- old_parts_lifetime: what retention dropped must not come back at a restart.
 -- vertical_merge_...: merge column by column, small parts too, which takes less memory.
@@ -29,12 +31,12 @@ CREATE TABLE IF NOT EXISTS shard.incidents
     written_ms UInt64,
     armed_seconds Int64,
     file String,
-    program LowCardinality(String),
-    watch LowCardinality(String),
+    program String,
+    watch String,
     fingerprint LowCardinality(String),
     signature LowCardinality(String),
-    signature_id LowCardinality(String),
-    reason_kind LowCardinality(String),
+    signature_id String,
+    reason_kind String,
     reason_text LowCardinality(String),
     watched_user Array(String),
     watched_kernel Array(String),
@@ -55,14 +57,17 @@ ORDER BY (day, program, device, written_ms)
 SETTINGS old_parts_lifetime = 30, vertical_merge_algorithm_min_rows_to_activate = 1,
     number_of_free_entries_in_pool_to_lower_max_size_of_merge = 2;
 
+-- What a signature's text, program, watch and reason are is read from here, too: it has few rows.
 -- A sum would double when a batch is loaded again; the set of the incidents' hashes does not. 64 bits:
 -- a hash shared within one signature, build and day is out of practical reach.
 CREATE TABLE IF NOT EXISTS shard.incidents_by_day
 (
     day Date,
-    signature_id LowCardinality(String),
+    signature_id String,
     fingerprint LowCardinality(String),
-    program LowCardinality(String),
+    program String,
+    watch String,
+    reason_kind String,
     signature LowCardinality(String),
     incidents AggregateFunction(uniqExact, UInt64)
 )
@@ -73,10 +78,10 @@ SETTINGS old_parts_lifetime = 30;
 
 CREATE MATERIALIZED VIEW IF NOT EXISTS shard.fill_incidents_by_day TO shard.incidents_by_day AS
 SELECT
-    day, signature_id, fingerprint, program, signature,
+    day, signature_id, fingerprint, program, watch, reason_kind, signature,
     uniqExactState(cityHash64(program, device, written_ms)) AS incidents
 FROM shard.incidents
-GROUP BY day, signature_id, fingerprint, program, signature;
+GROUP BY day, signature_id, fingerprint, program, watch, reason_kind, signature;
 
 -- Devices that ran a build on a day, by the platform's own counts. A count loaded later replaces
 -- the one before it.
@@ -98,12 +103,12 @@ CREATE TABLE IF NOT EXISTS intake.incidents
     written_ms UInt64,
     armed_seconds Int64,
     file String,
-    program LowCardinality(String),
-    watch LowCardinality(String),
+    program String,
+    watch String,
     fingerprint LowCardinality(String),
     signature LowCardinality(String),
-    signature_id LowCardinality(String),
-    reason_kind LowCardinality(String),
+    signature_id String,
+    reason_kind String,
     reason_text LowCardinality(String),
     watched_user Array(String),
     watched_kernel Array(String),
