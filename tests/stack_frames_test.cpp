@@ -328,6 +328,11 @@ class StackFramesOfRegisters : public StackFrames {
   }
 
   static constexpr size_t kDepth = 64;  // bytes of stack
+#if defined(__x86_64__)
+  static constexpr size_t kReturnAddressOnStack = 8;
+#else
+  static constexpr size_t kReturnAddressOnStack = 0;  // it is in a register
+#endif
   const size_t page_ = static_cast<size_t>(getpagesize());
   char* const stack_ = static_cast<char*>(
       mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -343,6 +348,7 @@ TEST_F(StackFramesOfRegisters, ShowTheCallerOfAWildCall) {
     EXPECT_EQ(Name(frames_, 0), "");
     EXPECT_EQ(Name(frames_, 1), "unwind_test_leaf");
     EXPECT_EQ(frames_.at(1).pc, in_code_ - kWithinCall);
+    EXPECT_EQ(frames_.at(1).sp, sp_ + kReturnAddressOnStack);
   }
 }
 
