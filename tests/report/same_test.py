@@ -114,13 +114,15 @@ class SameTest(ReportTest):
             self.assertEqual(self.reason(user(100, *functions)), (kind, text))
 
     def test_an_odd_thread_drowns_in_its_pool(self):
-        sections = user(100, "libc:pthread_cond_wait", "finish") + user(300, "libc:recv", "fetch")
+        sections = (user(100, "libc:pthread_cond_wait", "finish") + user(300, "libc:recv", "fetch")
+                    + user(10, "spin") + user(11, "spin"))
         for tid in range(200, 259):
             sections += user(tid, "libc:pthread_cond_wait", "idle")
         largest, *_ = self.read(header() + sections)["groups"]
         self.assertEqual(len(largest["tids"]), 59)
         self.assertRegex(self.run_it(LOG).stdout, r"(?s)look first at those that are not idle.*"
-                         r"Other threads, rare ones first\n  1 thread: [^\n]*recv  300\n.*"
+                         r"Other threads, rare ones first\n  1 thread: [^\n]*  300\n.*"
+                         r"\n  2 threads: runs, in spin  10, 11\n.*"
                          r"Idle threads\n  59 threads: condition: idle  200, 201,")
 
     def test_the_other_side_of_a_deadlock_is_not_named(self):
