@@ -103,6 +103,7 @@ class ReaderTest(ReportTest):
                           "line 16: frame 7 where frame 1 belongs",
                           "line 18: a second section of thread 100, which is left out"])
         self.assertEqual(len(incident["threads"][0]["user"]), 2)
+        self.assertIn("\n5 problems in this log\n", self.run_it(LOG).stdout)
 
     def test_hostile_names_reach_an_output(self):
         hostile = "<b>\x1b[31m\x07\x9b2J\udcff\udcc3(\udced\udca0\udc80\u202e\r\t\x7f"
