@@ -101,6 +101,7 @@ class CallTest(ReportTest):
         self.assertIn("frames", titles)
         self.assertRegex(first, r"^ *2 service +load +11-22 21:13 +11-22 21:14 +file-lock +Config")
         self.assertRegex(second, r"^ *1 service +save ")
+        self.assertNotIn(LOG, text)  # in short comes the newest of each
         self.assertLessEqual(max(map(len, text.splitlines())), 80)
         self.assertIn("1 more", self.run_it("--top=1", "--recursive", ".").stdout)
 

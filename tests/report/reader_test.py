@@ -95,7 +95,7 @@ class ReaderTest(ReportTest):
 
     def test_garbage_between_sections_is_not_counted(self):
         incident = self.read(header() + kernel(100, "do_wait") + "\udcff\udcfe garbage\n"
-                             + user(100, "work") + "not one\n" + "x" * 200000
+                             + user(100, "work") + "not one\n" + "x" * 2000000
                              + "\n  #07 pc 0000000000001000  /x\n" + user(100, "again"))
         self.assertEqual(incident["problems"],
                          ["line 10: not a line of a kernel stack: \ufffd\ufffd garbage",
