@@ -120,5 +120,5 @@ class ReaderTest(ReportTest):
                                 ("3", ["next"])):
             self.write(name, header(watch=name) + user(100, *functions))
         text = self.run_it("1", "2", "3").stdout
-        self.assertIn("Why    runs, in first\n", text)
-        self.assertIn("Why    runs, in next\n", text)
+        self.assertIn("\n  first+45  bank_service\n", text)
+        self.assertIn("\n  next+45  bank_service\n", text)
