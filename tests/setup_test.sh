@@ -14,7 +14,7 @@ tool() {  # a command of that name, its body from stdin
   chmod +x "$work/bin/$1"
 }
 tool dpkg-query <<<'exit 1'  # nothing is installed
-tool id <<<'cat "$WORK/uid"'
+tool id <<<"cat '$work/uid'"
 tool apt-get <<'BODY'
 echo "$*" >>"$WORK/asked"
 case "$*" in *--simulate*) cat "$WORK/simulation" ;; esac

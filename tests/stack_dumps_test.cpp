@@ -58,7 +58,7 @@ class StackDumps : public LibraryTest {
     return tids;
   }
 
-  ParkedThread other_{Sleep}, watched_{[](const auto&stop) { SleepBelow(stop); }}, another_{Sleep};
+  ParkedThread other_{Sleep}, watched_{[](auto&stop) { SleepBelow(stop); }}, another_{Sleep};
   std::vector<int> tids_ = {watched_.tid()};  // in their order
   std::vector<int> asked_;
   const std::string path_ = test_root::Path("/dumps.txt");
