@@ -247,6 +247,14 @@ TEST_F(FaultyCall, WhileAPropertyIsSetLeavesItAsItWas) {
     });
 }
 
+TEST_F(FaultyCall, AWriteOfAPropertyThatEndsHalfWayGoesOnThere) {
+  Fault fault = {"write", "*", kHalf};
+  t_fault = &fault;
+  EXPECT_EQ(__system_property_set("a.name", "whole value"), 0);
+  t_fault = nullptr;
+  EXPECT_EQ(test_root::PropertyText("a.name"), "whole value");
+}
+
 // Its removal seems to come too late each time.
 TEST_F(FaultyCall, ALockMadeAgainAndAgainHoldsAnIncidentUpOnlyForHalfASecond) {
   test_root::WriteFile(dir_ + ".lock", "");

@@ -14,7 +14,8 @@
 
 #include <string>
 
-constexpr int kDie = -1;  // in place of an errno: the process is killed as it makes the call
+// In place of an errno: the process is killed as it makes the call; a write ends half-way.
+constexpr int kDie = -1, kHalf = -2;
 
 struct Fault {
   const char* call;    // a pattern of fnmatch, with alternatives
@@ -64,7 +65,8 @@ WRAP(int, scandirat,
      (fd, path, list, filter, order), ("", fd), -1)
 WRAP(int, fchmod, (int fd, mode_t mode), (fd, mode), ("", fd), -1)
 WRAP(ssize_t, read, (int fd, void* to, size_t size), (fd, to, size), ("", fd), -1)
-WRAP(ssize_t, write, (int fd, const void* from, size_t size), (fd, from, size), ("", fd), -1)
+WRAP(ssize_t, write, (int fd, const void* from, size_t size), (fd, from, size), ("", fd),
+     t_fault->error == kHalf ? __real_write(fd, from, (size + 1) / 2) : -1)
 WRAP(DIR*, fdopendir, (int fd), (fd), ("", fd), nullptr)
 WRAP(struct dirent*, readdir, (DIR * dir), (dir), (""), nullptr)
 WRAP(void*, malloc, (size_t size), (size), (""), nullptr)
