@@ -20,6 +20,7 @@ __attribute__((noinline)) void SleepBelow(const std::atomic<bool>& stop, int dep
 class StackDumps : public LibraryTest {
  protected:
   StackDumps() {
+    while (g_asleep < 3) usleep(1000);
     QuorvelBeginLog(QUORVEL_FLAG_LOG | QUORVEL_FLAG_BACKTRACE);
     QuorvelSetLogFd(open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_TRUNC | O_CLOEXEC, 0600));
     fakes.DravikGetStack = [this](int tid, char* buffer) {
@@ -58,7 +59,7 @@ class StackDumps : public LibraryTest {
     return tids;
   }
 
-  ParkedThread other_{Sleep}, watched_{[](auto&stop) { SleepBelow(stop); }}, another_{Sleep};
+  ParkedThread other_{Sleep}, watched_{[](const auto&stop) { SleepBelow(stop); }}, another_{Sleep};
   std::vector<int> tids_ = {watched_.tid()};  // in their order
   std::vector<int> asked_;
   const std::string path_ = test_root::Path("/dumps.txt");

@@ -114,6 +114,7 @@ TEST_F(UnwindstackWrapper, TheHandlerRunsOnTheThreadsSignalStack) {
     Sleep(stop);
     sigaltstack(&none, nullptr);
   });
+  while (g_asleep == 0) sched_yield();
   ASSERT_TRUE(unwinder_.unwind(thread.tid(), nullptr, 64));
   EXPECT_THAT(signal_stack, testing::Contains(testing::Ne(0)));
 }

@@ -39,9 +39,11 @@ class ParkedThread {
   std::thread thread_;
 };
 
-// A body that waits without the calls that tests replace.
+// A body that waits without the calls that tests replace; and how many threads do.
+inline std::atomic<int> g_asleep{0};
 inline void Sleep(const std::atomic<bool>& stop) {
-  while (!stop) poll(nullptr, 0, 10);
+  for (++g_asleep; !stop;) poll(nullptr, 0, 10);
+  --g_asleep;
 }
 
 // Blocks or unblocks signal 33 for the calling thread, as a host process can: by the kernel's call.
