@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <termios.h>
 
@@ -231,6 +232,17 @@ TEST_F(AndroidLog, AReaderThatHasLeftEndsNothingAndLeavesThePendingSignalAsItWas
       });
     }
   }
+}
+
+TEST_F(AndroidLog, AFileAtItsSizeLimitEndsNothing) {
+  const std::string path = test_root::Path("/data/full");
+  test_root::WriteFile(path, "");
+  Use(-1, open(path.c_str(), O_WRONLY | O_APPEND));
+  RunInChild([] {
+    const rlimit none = {0, 0};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    Log("into a full file");
+  });
 }
 
 TEST_F(AndroidLog, AFileOrSocketThatTookTheNumberIsLeftAlone) {
