@@ -1,8 +1,11 @@
 // What stands in for the device's services: properties, the event journal, the trace, paths, time.
 
 #include <cutils/trace.h>
+#include <device_path.h>
 #include <kelvane.h>
 #include <sys/system_properties.h>
+
+#include <filesystem>
 
 #include "support/library_test.h"
 #include "support/surroundings.h"
@@ -33,6 +36,12 @@ TEST_F(HostLayer, APropertyIsReadAsItWasSetUpToItsGreatestLength) {
   EXPECT_EQ(__system_property_set("a.name", nullptr), 0);
   EXPECT_EQ(Get("a.name"), "");
   EXPECT_EQ(test_root::List(kStore), Texts{"a.name"});
+}
+
+TEST_F(HostLayer, APathBesideTheRootIsNotUnderIt) {
+  const std::string root = std::filesystem::canonical(test_root::Path("/"));
+  EXPECT_EQ(PathOnDevice(root + "/bin/app"), "/bin/app");
+  EXPECT_EQ(PathOnDevice(root + "2/bin/app"), root + "2/bin/app");
 }
 
 TEST_F(HostLayer, APropertysNameCannotLeadOutOfTheStore) {
